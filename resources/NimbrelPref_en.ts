@@ -1,0 +1,87 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="en_US" sourcelanguage="en_US">
+<context>
+    <name>NimbrelPref</name>
+    <message>
+        <source>Mac OS X 10.4 Required</source>
+        <translation>Mac OS X 10.4 Required</translation>
+    </message>
+    <message>
+        <source>Mac OS X 10.4 or greater is required.</source>
+        <translation>Mac OS X 10.4 or greater is required.</translation>
+    </message>
+    <message>
+        <source>Quit</source>
+        <translation>Quit</translation>
+    </message>
+    <message>
+        <source>More Info...</source>
+        <translation>More Info...</translation>
+    </message>
+    <message>
+        <source>ResetAlertTitle</source>
+        <translation>Reset Nimbrel?</translation>
+    </message>
+    <message>
+        <source>ResetAlertMsg</source>
+        <translation>Resetting removes every published calendar, subscription, remote server and Google setting from Nimbrel and clears its sync history. Your calendars are backed up first. This cannot be undone.</translation>
+    </message>
+    <message>
+        <source>ResetAlertDefaultButton</source>
+        <translation>Reset</translation>
+    </message>
+    <message>
+        <source>ResetAlertAlternateButton</source>
+        <translation>Cancel</translation>
+    </message>
+    <message>
+        <source>DisconnectAlertTitle</source>
+        <translation>Disconnect from this server?</translation>
+    </message>
+    <message>
+        <source>DisconnectAlertMsg</source>
+        <translation>You are subscribed to calendars on “%@”. Disconnecting removes those subscriptions from this computer.</translation>
+    </message>
+    <message>
+        <source>DisconnectAlertDefaultButton</source>
+        <translation>Disconnect</translation>
+    </message>
+    <message>
+        <source>DisconnectAlertAlternateButton</source>
+        <translation>Cancel</translation>
+    </message>
+    <message>
+        <source>DisconnectGoogleAlertTitle</source>
+        <translation>Disconnect the Google account?</translation>
+    </message>
+    <message>
+        <source>DisconnectGoogleAlertMsg</source>
+        <translation>Calendars of “%@” are published or subscribed. Disconnecting stops syncing them with Google.</translation>
+    </message>
+    <message>
+        <source>DisconnectGoogleAlertDefaultButton</source>
+        <translation>Disconnect</translation>
+    </message>
+    <message>
+        <source>DisconnectGoogleAlertAlternateButton</source>
+        <translation>Cancel</translation>
+    </message>
+    <message>
+        <source>RestartAlertTitle</source>
+        <translation>Restart recommended</translation>
+    </message>
+    <message>
+        <source>RestartAlertMsg</source>
+        <translation>Nimbrel was updated while other users are logged in to this computer. Restart the computer so that every user runs the new version.</translation>
+    </message>
+    <message>
+        <source>RestartAlertDefaultButton</source>
+        <translation>Restart</translation>
+    </message>
+    <message>
+        <source>RestartAlertAlternateButton</source>
+        <translation>Later</translation>
+    </message>
+</context>
+</TS>
