@@ -1,48 +1,15 @@
 // Reads arbitrary bytes as a property list. Whatever is accepted must write back and read back to the
 // same value, and writing that again must give the same bytes.
 #include "platform/PlistCodec.h"
+#include "support/PlistCompare.h"
 
-#include <QDateTime>
-#include <QVariantList>
-#include <QVariantMap>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 using namespace nimbrel;
+using test::identical;
 
 namespace {
-
-// Same type and same value, bit for bit (NaN equals NaN, -0.0 differs from 0.0), dates in UTC.
-bool identical(const QVariant& a, const QVariant& b)
-{
-    if (a.typeId() != b.typeId())
-        return false;
-    switch (a.typeId()) {
-    case QMetaType::Double: {
-        const double x = a.toDouble(), y = b.toDouble();
-        return std::memcmp(&x, &y, sizeof x) == 0 || (std::isnan(x) && std::isnan(y));
-    }
-    case QMetaType::QDateTime:
-        return a == b && a.toDateTime().timeSpec() == Qt::UTC && b.toDateTime().timeSpec() == Qt::UTC;
-    case QMetaType::QVariantList: {
-        const QVariantList x = a.toList(), y = b.toList();
-        return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(), identical);
-    }
-    case QMetaType::QVariantMap: {
-        const QVariantMap x = a.toMap(), y = b.toMap();
-        return x.keys() == y.keys() && std::equal(x.begin(), x.end(), y.begin(), identical);
-    }
-    case QMetaType::Bool:
-    case QMetaType::LongLong:
-    case QMetaType::QString:
-    case QMetaType::QByteArray:
-        return a == b;
-    default:
-        return false; // the reader never produces anything else
-    }
-}
 
 [[noreturn]] void fail(const char* what, const QString& detail, const QByteArray& xml)
 {

@@ -4,23 +4,21 @@
 #include <map>
 
 using namespace nimbrel;
+using S = VersionSelector;
 
 namespace {
 
 // A source with a chosen answer per selector (missing = the query fails) that counts its calls.
 struct CountingSource
 {
-    std::map<VersionSelector, quint32> answers;
+    std::map<S, quint32> answers;
     int calls = 0;
-
     VersionSource source()
     {
-        return [this](VersionSelector selector) -> std::optional<quint32> {
+        return [this](S selector) -> std::optional<quint32> {
             ++calls;
             const auto it = answers.find(selector);
-            if (it == answers.end())
-                return std::nullopt;
-            return it->second;
+            return it == answers.end() ? std::nullopt : std::optional<quint32>(it->second);
         };
     }
 };
@@ -33,88 +31,49 @@ protected:
 
 } // namespace
 
-TEST_F(SystemVersionTest, PacksEachPartAsTensAndUnits)
+TEST_F(SystemVersionTest, PacksPartsFallsBackToTheLegacyFormAndGatesSplitAtTheirThresholds)
 {
     EXPECT_EQ(packSystemVersion(10, 4, 11), 0x100411u);
-    EXPECT_EQ(packSystemVersion(10, 5, 3), 0x100503u);
     EXPECT_EQ(packSystemVersion(12, 34, 56), 0x123456u);
-
-    CountingSource source{
-        {{VersionSelector::Major, 10}, {VersionSelector::Minor, 4}, {VersionSelector::BugFix, 11}}};
-    setSystemVersionSource(source.source());
-    EXPECT_EQ(getSystemVersion(), 0x100411u);
-
-    // The test source decodes two-digit parts back.
-    setSystemVersionSource(fixedSystemVersion(0x123456));
+    setSystemVersionSource(fixedSystemVersion(0x123456)); // the test source decodes two-digit parts back
     EXPECT_EQ(getSystemVersion(), 0x123456u);
-}
 
-TEST_F(SystemVersionTest, FallsBackToLegacyFormWhenOnePartFails)
-{
-    // Each digit distinct so a misplaced group shows: 0x1234 widens to 0x120304.
-    for (const VersionSelector missing :
-         {VersionSelector::Major, VersionSelector::Minor, VersionSelector::BugFix}) {
-        CountingSource source{{{VersionSelector::Major, 10},
-                               {VersionSelector::Minor, 5},
-                               {VersionSelector::BugFix, 3},
-                               {VersionSelector::PackedLegacy, 0x1234}}};
+    // When one part fails the legacy form is used; each digit distinct so a misplaced group shows.
+    for (const S missing : {S::PackedLegacy, S::Major, S::Minor, S::BugFix}) {
+        CountingSource source{{{S::Major, 10}, {S::Minor, 5}, {S::BugFix, 3}, {S::PackedLegacy, 0x1234}}};
         source.answers.erase(missing);
         setSystemVersionSource(source.source());
-        EXPECT_EQ(getSystemVersion(), 0x120304u) << static_cast<int>(missing);
+        EXPECT_EQ(getSystemVersion(), missing == S::PackedLegacy ? 0x100503u : 0x120304u) << int(missing);
     }
-
-    CountingSource tiger{{{VersionSelector::PackedLegacy, 0x1049}}};
-    setSystemVersionSource(tiger.source());
+    CountingSource legacyOnly{{{S::PackedLegacy, 0x1049}}};
+    setSystemVersionSource(legacyOnly.source());
     EXPECT_EQ(getSystemVersion(), 0x100409u);
+
+    EXPECT_TRUE(0x100309 <= kSystemVersion10_4OrLater && 0x100400 > kSystemVersion10_4OrLater);
+    EXPECT_TRUE(0x100411 <= kSystemVersion10_5OrLater && 0x100500 > kSystemVersion10_5OrLater);
+    EXPECT_TRUE(0x100501 <= kSystemVersion10_5_2OrLater && 0x100502 > kSystemVersion10_5_2OrLater);
+    EXPECT_TRUE(0x100502 < kSystemVersionBefore10_5_3 && 0x100503 >= kSystemVersionBefore10_5_3);
 }
 
-TEST_F(SystemVersionTest, UnknownVersionIsAskedAgain)
+TEST_F(SystemVersionTest, KnownVersionIsCachedUntilTheSourceChangesUnknownIsAskedAgain)
 {
-    CountingSource source;
-    setSystemVersionSource(source.source());
+    CountingSource unknown;
+    setSystemVersionSource(unknown.source());
     EXPECT_EQ(getSystemVersion(), 0u);
-    const int firstCalls = source.calls;
+    const int firstCalls = unknown.calls;
     EXPECT_GT(firstCalls, 0);
     EXPECT_EQ(getSystemVersion(), 0u);
-    EXPECT_GT(source.calls, firstCalls);
-}
+    EXPECT_GT(unknown.calls, firstCalls);
 
-TEST_F(SystemVersionTest, KnownVersionIsCachedUntilTheSourceChanges)
-{
-    CountingSource source{
-        {{VersionSelector::Major, 10}, {VersionSelector::Minor, 5}, {VersionSelector::BugFix, 3}}};
-    setSystemVersionSource(source.source());
+    CountingSource known{{{S::Major, 10}, {S::Minor, 5}, {S::BugFix, 3}}};
+    setSystemVersionSource(known.source());
     EXPECT_EQ(getSystemVersion(), 0x100503u);
-    const int calls = source.calls;
+    const int calls = known.calls;
     EXPECT_EQ(getSystemVersion(), 0x100503u);
-    EXPECT_EQ(source.calls, calls);
+    EXPECT_EQ(known.calls, calls);
 
     setSystemVersionSource(fixedSystemVersion(0x100309));
     EXPECT_EQ(getSystemVersion(), 0x100309u);
-}
-
-TEST_F(SystemVersionTest, HostReportsNewestKnownSystem)
-{
-    setSystemVersionSource(fixedSystemVersion(0x100309));
-    EXPECT_EQ(getSystemVersion(), 0x100309u);
-    setSystemVersionSource(nullptr);
+    setSystemVersionSource(nullptr); // the host reports the newest known system
     EXPECT_EQ(getSystemVersion(), 0x100508u);
-    EXPECT_GT(getSystemVersion(), kSystemVersion10_5_2OrLater);
-    EXPECT_FALSE(getSystemVersion() < kSystemVersionBefore10_5_3);
-}
-
-TEST_F(SystemVersionTest, GatesSplitAtTheirThresholds)
-{
-    setSystemVersionSource(fixedSystemVersion(0x100400));
-    EXPECT_GT(getSystemVersion(), kSystemVersion10_4OrLater);
-    EXPECT_FALSE(getSystemVersion() > kSystemVersion10_5OrLater);
-
-    setSystemVersionSource(fixedSystemVersion(0x100309));
-    EXPECT_FALSE(getSystemVersion() > kSystemVersion10_4OrLater);
-
-    setSystemVersionSource(fixedSystemVersion(0x100501));
-    EXPECT_FALSE(getSystemVersion() > kSystemVersion10_5_2OrLater);
-    setSystemVersionSource(fixedSystemVersion(0x100502));
-    EXPECT_GT(getSystemVersion(), kSystemVersion10_5_2OrLater);
-    EXPECT_LT(getSystemVersion(), kSystemVersionBefore10_5_3);
 }

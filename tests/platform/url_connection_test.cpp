@@ -3,6 +3,7 @@
 #include "platform/SystemVersion.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -14,148 +15,100 @@
 #include <gtest/gtest.h>
 
 using namespace nimbrel;
+using Monitor = NSURLConnectionMonitor;
 
 namespace {
 
-// A minimal HTTP server on 127.0.0.1 that records request lines. "/redirect" answers 302 to
-// "/target", "/big" answers a large body, "/hold" is answered only when release() is called, any
-// other path answers 200.
-class TestHttpServer : public QObject
+// Runs the Qt event loop in 5 ms slices until `done` holds or five seconds have passed.
+bool waitUntil(const std::function<bool()>& done)
 {
-public:
-    TestHttpServer()
-    {
-        connect(&m_server, &QTcpServer::newConnection, this, &TestHttpServer::accept);
-        m_server.listen(QHostAddress::LocalHost, 0);
+    for (QDeadlineTimer deadline(5000); !done() && !deadline.hasExpired();) {
+        QEventLoop slice;
+        QTimer::singleShot(5, &slice, &QEventLoop::quit);
+        slice.exec();
     }
-
-    bool isListening() const { return m_server.isListening(); }
-    QString url(const QString& path) const
-    {
-        return QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path);
-    }
-    QStringList requestLines;
-    static constexpr int kBigBodySize = 4 * 1024 * 1024;
-
-    void release()
-    {
-        for (QTcpSocket* socket : std::as_const(m_held)) {
-            if (socket)
-                respond(socket, "200 OK", QByteArray("late"));
-        }
-        m_held.clear();
-    }
-
-private:
-    void accept()
-    {
-        while (QTcpSocket* socket = m_server.nextPendingConnection()) {
-            connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            connect(socket, &QTcpSocket::readyRead, this, [this, socket] { readRequest(socket); });
-        }
-    }
-
-    void readRequest(QTcpSocket* socket)
-    {
-        QByteArray& buffer = m_buffers[socket];
-        buffer += socket->readAll();
-        const qsizetype end = buffer.indexOf("\r\n\r\n");
-        if (end < 0)
-            return;
-        const QByteArray requestLine = buffer.left(buffer.indexOf("\r\n"));
-        buffer.remove(0, end + 4);
-        requestLines.append(QString::fromLatin1(requestLine));
-        const QByteArray path = requestLine.split(' ').value(1);
-
-        if (path == "/redirect") {
-            respond(socket, "302 Found", QByteArray(),
-                    "Location: " + url(QStringLiteral("/target")).toLatin1());
-        } else if (path == "/big") {
-            respond(socket, "200 OK", QByteArray(kBigBodySize, 'x'));
-        } else if (path == "/hold") {
-            m_held.append(socket);
-        } else {
-            respond(socket, "200 OK", QByteArray("ok"));
-        }
-    }
-
-    static void respond(QTcpSocket* socket, const QByteArray& status, const QByteArray& body,
-                        const QByteArray& extraHeader = QByteArray())
-    {
-        QByteArray response = "HTTP/1.1 " + status +
-                              "\r\nContent-Length: " + QByteArray::number(body.size()) +
-                              "\r\nConnection: close\r\n";
-        if (!extraHeader.isEmpty())
-            response += extraHeader + "\r\n";
-        response += "\r\n" + body;
-        socket->write(response);
-        socket->disconnectFromHost();
-    }
-
-    QTcpServer m_server;
-    QHash<QTcpSocket*, QByteArray> m_buffers;
-    QList<QPointer<QTcpSocket>> m_held;
-};
-
-// Runs the event loop until the condition holds or five seconds have passed.
-bool waitUntil(const std::function<bool()>& condition)
-{
-    if (condition())
-        return true;
-    QEventLoop loop;
-    QTimer safety;
-    safety.setSingleShot(true);
-    QObject::connect(&safety, &QTimer::timeout, &loop, &QEventLoop::quit);
-    QTimer poll;
-    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
-        if (condition())
-            loop.quit();
-    });
-    safety.start(5000);
-    poll.start(5);
-    loop.exec();
-    return condition();
+    return done();
 }
 
+// Serves HTTP on 127.0.0.1 and records the request lines: "/redirect" answers 302 to "/target",
+// "/hold" is answered only on release(), any other path answers 200 with a 4 MiB body.
 class UrlConnectionTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { ASSERT_TRUE(server.isListening()); }
+    void SetUp() override
+    {
+        QObject::connect(&server, &QTcpServer::newConnection, [this] {
+            while (QTcpSocket* socket = server.nextPendingConnection())
+                QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] { answer(socket); });
+        });
+        ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+    }
     void TearDown() override
     {
         setSystemVersionSource(nullptr);
         // Nothing may be left in flight for the next test (or at exit): every reply deletes itself.
         EXPECT_TRUE(waitUntil([] {
-            return NSURLConnectionMonitor::liveMonitorCount() == 0 &&
-                   qApp->findChildren<QNetworkReply*>().isEmpty();
+            return Monitor::liveMonitorCount() == 0 && qApp->findChildren<QNetworkReply*>().isEmpty();
         }));
     }
+    QString url(const char* path) const
+    {
+        return QStringLiteral("http://127.0.0.1:%1").arg(server.serverPort()) + QLatin1String(path);
+    }
+    bool requested(const char* line)
+    {
+        return waitUntil([&] { return requestLines.contains(QLatin1String(line)); });
+    }
+    void answer(QTcpSocket* socket)
+    {
+        if (!socket->peek(socket->bytesAvailable()).contains("\r\n\r\n"))
+            return;
+        const QByteArray line = socket->readAll().split('\r').value(0);
+        requestLines << QString::fromLatin1(line);
+        const QByteArray path = line.split(' ').value(1);
+        if (path == "/hold")
+            held << socket;
+        else
+            respond(socket, path == "/redirect");
+    }
+    void respond(QTcpSocket* socket, bool redirect = false)
+    {
+        const QByteArray body = redirect ? QByteArray() : QByteArray(4 << 20, 'x');
+        socket->write(
+            (redirect ? "HTTP/1.1 302 Found\r\nLocation: " + url("/target").toLatin1() : "HTTP/1.1 200 OK") +
+            "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" +
+            body);
+        socket->disconnectFromHost();
+    }
+    void release()
+    {
+        for (QTcpSocket* socket : std::as_const(held)) {
+            if (socket)
+                respond(socket);
+        }
+    }
 
-    TestHttpServer server;
+    QTcpServer server;
+    QStringList requestLines;
+    QList<QPointer<QTcpSocket>> held;
 };
 
 } // namespace
 
-TEST_F(UrlConnectionTest, GetArrivesWithThePath)
+TEST_F(UrlConnectionTest, GetArrivesWithThePathAndRedirectsAreFollowed)
 {
-    PrefPaneUtilities::getNothingFromURL(server.url(QStringLiteral("/ping?from=pane")));
-    ASSERT_TRUE(waitUntil([&] { return !server.requestLines.isEmpty(); }));
-    EXPECT_EQ(server.requestLines, QStringList{QStringLiteral("GET /ping?from=pane HTTP/1.1")});
-    EXPECT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 0);
-}
+    PrefPaneUtilities::getNothingFromURL(QString());
+    PrefPaneUtilities::getNothingFromURL(QStringLiteral("http://[::1"));
+    EXPECT_EQ(Monitor::liveMonitorCount(), 0);
 
-TEST_F(UrlConnectionTest, RedirectIsFollowed)
-{
-    PrefPaneUtilities::getNothingFromURL(server.url(QStringLiteral("/redirect")));
-    ASSERT_TRUE(waitUntil([&] { return server.requestLines.size() >= 2; }));
-    EXPECT_EQ(server.requestLines, (QStringList{QStringLiteral("GET /redirect HTTP/1.1"),
-                                                QStringLiteral("GET /target HTTP/1.1")}));
-}
+    PrefPaneUtilities::getNothingFromURL(url("/ping?from=pane"));
+    ASSERT_TRUE(requested("GET /ping?from=pane HTTP/1.1"));
+    EXPECT_EQ(Monitor::liveMonitorCount(), 0); // a current system needs no monitor
+    PrefPaneUtilities::getNothingFromURL(url("/redirect"));
+    EXPECT_TRUE(requested("GET /target HTTP/1.1")); // only the redirect names it
 
-TEST_F(UrlConnectionTest, ReplyDiscardsBodyAndDeletesItself)
-{
-    QPointer<QNetworkReply> reply = NSURLConnectionMonitor::connectionWithRequest(
-        QNetworkRequest(QUrl(server.url(QStringLiteral("/big")))));
+    // The body is read and thrown away, and the reply deletes itself.
+    QPointer<QNetworkReply> reply = Monitor::connectionWithRequest(QNetworkRequest(QUrl(url("/big"))));
     ASSERT_TRUE(reply);
     qint64 leftAtEnd = -1;
     QObject::connect(reply, &QNetworkReply::finished, [&] { leftAtEnd = reply->bytesAvailable(); });
@@ -163,54 +116,33 @@ TEST_F(UrlConnectionTest, ReplyDiscardsBodyAndDeletesItself)
     EXPECT_EQ(leftAtEnd, 0);
 }
 
-TEST_F(UrlConnectionTest, InvalidAddressesDoNothing)
-{
-    PrefPaneUtilities::getNothingFromURL(QString());
-    PrefPaneUtilities::getNothingFromURL(QStringLiteral("http://[::1"));
-    EXPECT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 0);
-}
-
-TEST_F(UrlConnectionTest, OlderSystemHoldsMonitorWhileInFlight)
+TEST_F(UrlConnectionTest, OlderSystemHoldsAMonitorUntilTheRequestEndsOrTheManagerGoes)
 {
     setSystemVersionSource(fixedSystemVersion(0x100501));
-    PrefPaneUtilities::getNothingFromURL(server.url(QStringLiteral("/hold")));
-    EXPECT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 1);
-    ASSERT_TRUE(waitUntil([&] { return !server.requestLines.isEmpty(); }));
-    EXPECT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 1);
+    PrefPaneUtilities::getNothingFromURL(url("/hold"));
+    EXPECT_EQ(Monitor::liveMonitorCount(), 1);
+    ASSERT_TRUE(requested("GET /hold HTTP/1.1"));
+    EXPECT_EQ(Monitor::liveMonitorCount(), 1);
+    release();
+    EXPECT_TRUE(waitUntil([] { return Monitor::liveMonitorCount() == 0; }));
 
-    server.release();
-    EXPECT_TRUE(waitUntil([] { return NSURLConnectionMonitor::liveMonitorCount() == 0; }));
-}
-
-TEST_F(UrlConnectionTest, UnreachablePortReleasesMonitor)
-{
+    // An unreachable port ends the request, and the monitor with it.
     QTcpServer closed;
     ASSERT_TRUE(closed.listen(QHostAddress::LocalHost, 0));
-    const quint16 port = closed.serverPort();
+    const QString unreachable = QStringLiteral("http://127.0.0.1:%1/none").arg(closed.serverPort());
     closed.close();
+    QPointer<QNetworkReply> reply = Monitor::connectionWithRequest(QNetworkRequest(QUrl(unreachable)));
+    EXPECT_EQ(Monitor::liveMonitorCount(), 1);
+    EXPECT_TRUE(waitUntil([&] { return Monitor::liveMonitorCount() == 0 && reply.isNull(); }));
 
-    setSystemVersionSource(fixedSystemVersion(0x100501));
-    QPointer<QNetworkReply> reply = NSURLConnectionMonitor::connectionWithRequest(
-        QNetworkRequest(QUrl(QStringLiteral("http://127.0.0.1:%1/none").arg(port))));
-    ASSERT_TRUE(reply);
-    EXPECT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 1);
-    EXPECT_TRUE(waitUntil([&] { return NSURLConnectionMonitor::liveMonitorCount() == 0 && reply.isNull(); }));
-}
-
-TEST_F(UrlConnectionTest, MonitorGoesWithTheManagerAndAFreshManagerFollows)
-{
-    setSystemVersionSource(fixedSystemVersion(0x100501));
-    PrefPaneUtilities::getNothingFromURL(server.url(QStringLiteral("/hold")));
-    ASSERT_TRUE(waitUntil([&] { return !server.requestLines.isEmpty(); }));
-    ASSERT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 1);
-
-    // The shared manager belongs to the application; when it goes, in-flight monitors go at once.
+    // The shared manager belongs to the application; when it goes, in-flight monitors go at once, and
+    // the next request gets a fresh manager.
+    PrefPaneUtilities::getNothingFromURL(url("/hold"));
+    ASSERT_TRUE(waitUntil([&] { return requestLines.count(QStringLiteral("GET /hold HTTP/1.1")) == 2; }));
     const auto managers = qApp->findChildren<QNetworkAccessManager*>(Qt::FindDirectChildrenOnly);
     ASSERT_EQ(managers.size(), 1);
     delete managers.first();
-    EXPECT_EQ(NSURLConnectionMonitor::liveMonitorCount(), 0);
-
-    PrefPaneUtilities::getNothingFromURL(server.url(QStringLiteral("/again")));
-    EXPECT_TRUE(
-        waitUntil([&] { return server.requestLines.contains(QStringLiteral("GET /again HTTP/1.1")); }));
+    EXPECT_EQ(Monitor::liveMonitorCount(), 0);
+    PrefPaneUtilities::getNothingFromURL(url("/again"));
+    EXPECT_TRUE(requested("GET /again HTTP/1.1"));
 }
