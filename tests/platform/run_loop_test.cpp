@@ -1,6 +1,7 @@
 #include "platform/QtRunLoop.h"
 #include "platform/RunLoop.h"
 #include "platform/VirtualRunLoop.h"
+#include "support/TestEnvironment.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -29,17 +30,6 @@ struct Log
 int targetA;
 int targetB;
 
-// Runs the Qt event loop in 5 ms slices until `done` holds or five seconds have passed.
-bool waitUntil(const std::function<bool()>& done)
-{
-    for (QDeadlineTimer deadline(5000); !done() && !deadline.hasExpired();) {
-        QEventLoop slice;
-        QTimer::singleShot(5, &slice, &QEventLoop::quit);
-        slice.exec();
-    }
-    return done();
-}
-
 // Runs a scenario on both implementations: in virtual time with a unit delay of one second, and on
 // the Qt event loop with a unit of 10 ms. `drain` runs everything that is pending.
 using Drain = std::function<void()>;
@@ -54,7 +44,7 @@ void onBothLoops(const std::function<void(RunLoop& loop, double unit, const Drai
         SCOPED_TRACE("Qt event loop");
         QtRunLoop loop;
         scenario(loop, 0.010,
-                 [&] { EXPECT_TRUE(waitUntil([&] { return loop.pendingPerformCount() == 0; })); });
+                 [&] { EXPECT_TRUE(test::waitUntil([&] { return loop.pendingPerformCount() == 0; })); });
     }
     // Timers of performs that ran are deleted later; let that happen before leak checking.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
@@ -161,7 +151,7 @@ TEST(QtRunLoopTest, DestroyingTheLoopDropsItsPerformsAndScopedLoopsNest)
     bool ran = false, marker = false;
     QtRunLoop().performAfterDelay(&targetA, "never", 0.0, [&] { ran = true; }); // the loop is gone at once
     QTimer::singleShot(2, [&] { marker = true; });
-    EXPECT_TRUE(waitUntil([&] { return marker; }));
+    EXPECT_TRUE(test::waitUntil([&] { return marker; }));
     EXPECT_FALSE(ran);
 
     RunLoop& original = RunLoop::current();

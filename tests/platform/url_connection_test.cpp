@@ -1,6 +1,7 @@
 #include "platform/NSURLConnectionMonitor.h"
 #include "platform/PrefPaneUtilities.h"
 #include "platform/SystemVersion.h"
+#include "support/TestEnvironment.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -19,17 +20,6 @@ using Monitor = NSURLConnectionMonitor;
 
 namespace {
 
-// Runs the Qt event loop in 5 ms slices until `done` holds or five seconds have passed.
-bool waitUntil(const std::function<bool()>& done)
-{
-    for (QDeadlineTimer deadline(5000); !done() && !deadline.hasExpired();) {
-        QEventLoop slice;
-        QTimer::singleShot(5, &slice, &QEventLoop::quit);
-        slice.exec();
-    }
-    return done();
-}
-
 // Serves HTTP on 127.0.0.1 and records the request lines: "/redirect" answers 302 to "/target",
 // "/hold" is answered only on release(), any other path answers 200 with a 4 MiB body.
 class UrlConnectionTest : public ::testing::Test
@@ -47,7 +37,7 @@ protected:
     {
         setSystemVersionSource(nullptr);
         // Nothing may be left in flight for the next test (or at exit): every reply deletes itself.
-        EXPECT_TRUE(waitUntil([] {
+        EXPECT_TRUE(test::waitUntil([] {
             return Monitor::liveMonitorCount() == 0 && qApp->findChildren<QNetworkReply*>().isEmpty();
         }));
     }
@@ -57,7 +47,7 @@ protected:
     }
     bool requested(const char* line)
     {
-        return waitUntil([&] { return requestLines.contains(QLatin1String(line)); });
+        return test::waitUntil([&] { return requestLines.contains(QLatin1String(line)); });
     }
     void answer(QTcpSocket* socket)
     {
@@ -112,7 +102,7 @@ TEST_F(UrlConnectionTest, GetArrivesWithThePathAndRedirectsAreFollowed)
     ASSERT_TRUE(reply);
     qint64 leftAtEnd = -1;
     QObject::connect(reply, &QNetworkReply::finished, [&] { leftAtEnd = reply->bytesAvailable(); });
-    ASSERT_TRUE(waitUntil([&] { return reply.isNull(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return reply.isNull(); }));
     EXPECT_EQ(leftAtEnd, 0);
 }
 
@@ -124,7 +114,7 @@ TEST_F(UrlConnectionTest, OlderSystemHoldsAMonitorUntilTheRequestEndsOrTheManage
     ASSERT_TRUE(requested("GET /hold HTTP/1.1"));
     EXPECT_EQ(Monitor::liveMonitorCount(), 1);
     release();
-    EXPECT_TRUE(waitUntil([] { return Monitor::liveMonitorCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([] { return Monitor::liveMonitorCount() == 0; }));
 
     // An unreachable port ends the request, and the monitor with it.
     QTcpServer closed;
@@ -133,12 +123,13 @@ TEST_F(UrlConnectionTest, OlderSystemHoldsAMonitorUntilTheRequestEndsOrTheManage
     closed.close();
     QPointer<QNetworkReply> reply = Monitor::connectionWithRequest(QNetworkRequest(QUrl(unreachable)));
     EXPECT_EQ(Monitor::liveMonitorCount(), 1);
-    EXPECT_TRUE(waitUntil([&] { return Monitor::liveMonitorCount() == 0 && reply.isNull(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return Monitor::liveMonitorCount() == 0 && reply.isNull(); }));
 
     // The shared manager belongs to the application; when it goes, in-flight monitors go at once, and
     // the next request gets a fresh manager.
     PrefPaneUtilities::getNothingFromURL(url("/hold"));
-    ASSERT_TRUE(waitUntil([&] { return requestLines.count(QStringLiteral("GET /hold HTTP/1.1")) == 2; }));
+    ASSERT_TRUE(
+        test::waitUntil([&] { return requestLines.count(QStringLiteral("GET /hold HTTP/1.1")) == 2; }));
     const auto managers = qApp->findChildren<QNetworkAccessManager*>(Qt::FindDirectChildrenOnly);
     ASSERT_EQ(managers.size(), 1);
     delete managers.first();

@@ -1,7 +1,10 @@
 #include "support/TestEnvironment.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
+#include <QEventLoop>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <memory>
 #include <vector>
 
@@ -22,6 +25,16 @@ QString makeTempDir()
     static std::vector<std::unique_ptr<QTemporaryDir>> dirs;
     dirs.push_back(std::make_unique<QTemporaryDir>());
     return dirs.back()->path();
+}
+
+bool waitUntil(const std::function<bool()>& done)
+{
+    for (QDeadlineTimer deadline(5000); !done() && !deadline.hasExpired();) {
+        QEventLoop slice;
+        QTimer::singleShot(5, &slice, &QEventLoop::quit);
+        slice.exec();
+    }
+    return done();
 }
 
 } // namespace nimbrel::test

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <functional>
 
 namespace nimbrel::test {
 
@@ -12,5 +13,8 @@ QString sourcePath(const QString& relative);
 
 // A fresh empty directory below the test's private TMPDIR, removed when the process ends.
 QString makeTempDir();
+
+// Runs the Qt event loop in 5 ms slices until `done` holds or five seconds have passed; returns done().
+bool waitUntil(const std::function<bool()>& done);
 
 } // namespace nimbrel::test
