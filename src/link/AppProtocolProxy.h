@@ -1,0 +1,74 @@
+#pragma once
+
+// The client end of the background application's remote object on the session bus. Calls are built
+// as messages, never through QDBusInterface (which introspects, blocking), and never start a stopped
+// background application (auto-start off). One-way operations return at once; synchronous ones block
+// with the proxy's reply time-out.
+
+#include <QDBusConnection>
+#include <QDBusError>
+#include <QString>
+#include <QVariant>
+#include <QVariantList>
+#include <QVariantMap>
+#include <optional>
+
+namespace nimbrel {
+
+inline const QString kAppProtocolService = QStringLiteral("com.quorvia.Nimbrel.Proxy");
+inline const QString kAppProtocolPath = QStringLiteral("/com/quorvia/Nimbrel/Proxy");
+inline const QString kAppProtocolInterface = QStringLiteral("com.quorvia.Nimbrel.AppProtocol");
+inline constexpr int kAppProtocolVersion = 5;
+
+class AppProtocolProxy
+{
+public:
+    explicit AppProtocolProxy(const QDBusConnection& connection = QDBusConnection::sessionBus());
+
+    // Reply time-out of synchronous calls in milliseconds; -1 is the bus default (25 s).
+    int timeout() const { return m_timeout; }
+    void setTimeout(int milliseconds) { m_timeout = milliseconds; }
+
+    // Generic calls. send() queues a one-way call; call() waits for the reply and returns its first
+    // argument unwrapped (fromWire), or nullopt with `error` set when the call failed.
+    bool send(const QString& method, const QVariantList& arguments = {}) const;
+    std::optional<QVariant> call(const QString& method, const QVariantList& arguments = {},
+                                 QDBusError* error = nullptr) const;
+
+    // Synchronous operations. After a failure (logged) they yield null, an empty list, false or 0.
+    std::optional<qint32> version(QDBusError* error = nullptr) const;
+    QVariantList calendarsPublishableViaBonjour() const;
+    QVariantList sourceListOfBonjourCalendars() const;
+    QVariantList calendarsPublishableToGoogle() const;
+    QVariantList sourceListOfGoogleCalendars() const;
+    QVariantMap bonjourPublisherInfo(bool* ok = nullptr) const;
+    bool googleSyncInProgress() const;
+    void techSupportInfo() const;
+
+    // One-way operations.
+    void publishCalendarViaBonjour(const QVariantMap& calendar) const;
+    void publishCalendarToGoogle(const QVariantMap& calendar) const;
+    void subscribeTo(const QVariantMap& calendar) const;
+    void publishOptions(const QVariantMap& calendar) const;
+    void subscribeOptions(const QVariantMap& calendar) const;
+    void bonjourIPServiceOptions(const QVariantMap& server) const;
+    void disconnectBonjourIPService(const QVariantMap& server) const;
+    void googleServiceOptions(const QVariantMap& settings) const;
+    void disconnectGoogleService(const QVariantMap& settings) const;
+    void setBonjourPublisherInfo(const QVariantMap& info) const;
+    void log(const QString& text) const;
+    void checkForUpdate() const;
+    void autoCheckForUpdatesChanged() const;
+    void syncHistoryWillBeReset() const;
+    void syncHistoryWasReset() const;
+    void resetDatabase() const;
+    void shutdown() const;
+
+private:
+    QVariantList listCall(const QString& method) const;
+
+    QDBusConnection m_connection;
+    int m_timeout = -1;
+};
+
+} // namespace nimbrel
