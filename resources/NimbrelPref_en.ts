@@ -83,5 +83,89 @@
         <source>RestartAlertAlternateButton</source>
         <translation>Later</translation>
     </message>
+    <message>
+        <source>everyone can read &amp; write</source>
+        <translation>everyone can read &amp; write</translation>
+    </message>
+    <message>
+        <source>everyone can read; write password</source>
+        <translation>everyone can read; write password</translation>
+    </message>
+    <message>
+        <source>read password</source>
+        <translation>read password</translation>
+    </message>
+    <message>
+        <source>read password; write password</source>
+        <translation>read password; write password</translation>
+    </message>
+    <message>
+        <source>everyone can read</source>
+        <translation>everyone can read</translation>
+    </message>
+    <message>
+        <source>password required</source>
+        <translation>password required</translation>
+    </message>
+    <message>
+        <source>read</source>
+        <translation>read</translation>
+    </message>
+    <message>
+        <source>read &amp; write</source>
+        <translation>read &amp; write</translation>
+    </message>
+    <message>
+        <source>, no reminders</source>
+        <translation>, no reminders</translation>
+    </message>
+    <message>
+        <source>, no to dos</source>
+        <translation>, no to dos</translation>
+    </message>
+    <message>
+        <source>, no attachments</source>
+        <translation>, no attachments</translation>
+    </message>
+    <message>
+        <source>incompatible version</source>
+        <translation>incompatible version</translation>
+    </message>
+    <message>
+        <source>unable to connect</source>
+        <translation>unable to connect</translation>
+    </message>
+    <message>
+        <source>online</source>
+        <translation>online</translation>
+    </message>
+    <message>
+        <source>connecting</source>
+        <translation>connecting</translation>
+    </message>
+    <message>
+        <source>synced today %@</source>
+        <translation>synced today %@</translation>
+    </message>
+    <message>
+        <source>synced yesterday %@</source>
+        <translation>synced yesterday %@</translation>
+    </message>
+    <message>
+        <source>synced %@</source>
+        <translation>synced %@</translation>
+    </message>
+    <message>
+        <source>offline</source>
+        <translation>offline</translation>
+    </message>
+    <message>
+        <source>error - %@</source>
+        <translation>error - %@</translation>
+    </message>
+    <message>
+        <source>synchronizing...</source>
+        <translation>synchronizing...</translation>
+    </message>
 </context>
 </TS>
