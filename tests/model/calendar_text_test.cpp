@@ -4,54 +4,52 @@
 #include "model/NimbrelCalendar.h"
 
 #include <QLocale>
-#include <QTimeZone>
 #include <ctime>
 #include <gtest/gtest.h>
-#include <optional>
+#include <tuple>
+
+static void PrintTo(const QString& text, std::ostream* os)
+{
+    *os << text.toStdString();
+}
 
 namespace nimbrel {
 namespace {
 
-using Entry = std::pair<const char*, QVariant>;
+QString s(const char* text)
+{
+    return QString::fromUtf8(text);
+}
 
-QVariantMap dict(std::initializer_list<Entry> entries = {})
+// An ISO date and time: local without a zone, UTC with a Z.
+QDateTime at(const char* iso)
+{
+    return QDateTime::fromString(s(iso), Qt::ISODate);
+}
+
+// A record from "key=value" words: true and false are booleans, ISO dates and times dates, anything
+// else a string.
+QVariantMap rec(const char* text)
 {
     QVariantMap map;
-    for (const auto& [key, value] : entries)
-        map.insert(QString::fromLatin1(key), value);
+    for (const QString& word : s(text).split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+        const QString value = word.section(QLatin1Char('='), 1);
+        const QDateTime date = QDateTime::fromString(value, Qt::ISODate);
+        map.insert(word.section(QLatin1Char('='), 0, 0),
+                   value == s("true") || value == s("false")
+                       ? QVariant(value == s("true"))
+                       : (date.isValid() ? QVariant(date) : QVariant(value)));
+    }
     return map;
-}
-
-QVariant text(const char* value)
-{
-    return QString::fromUtf8(value);
-}
-
-QString str(const char* value)
-{
-    return QString::fromUtf8(value);
-}
-
-QDateTime local(int year, int month, int day, int hour, int minute)
-{
-    return QDateTime(QDate(year, month, day), QTime(hour, minute));
-}
-
-QDateTime utc(int year, int month, int day, int hour, int minute, int second = 0)
-{
-    return QDateTime(QDate(year, month, day), QTime(hour, minute, second), Qt::UTC);
 }
 
 const QLocale kEnglish(QLocale::English, QLocale::UnitedStates);
 
-QString shortTime(const QDateTime& date)
+// What the texts show of a time: the local clock time, or the local date and time.
+QString shown(const char* iso, bool withDate = false)
 {
-    return kEnglish.toString(date.toLocalTime().time(), QLocale::ShortFormat);
-}
-
-QString shortDateTime(const QDateTime& date)
-{
-    return kEnglish.toString(date.toLocalTime(), QLocale::ShortFormat);
+    return withDate ? kEnglish.toString(at(iso).toLocalTime(), QLocale::ShortFormat)
+                    : kEnglish.toString(at(iso).toLocalTime().time(), QLocale::ShortFormat);
 }
 
 // English texts, a fixed "now" and a local zone ten hours behind UTC, so that local and UTC days differ
@@ -72,240 +70,126 @@ protected:
         tzset();
         QLocale::setDefault(QLocale::c());
     }
-    void SetUp() override { setNow(local(2024, 3, 14, 9, 30)); }
+    void SetUp() override { setNow("2024-03-14T09:30"); }
     void TearDown() override { NimbrelCalendar::setCurrentTimeSource({}); }
-
-    static void setNow(const QDateTime& now)
+    static void setNow(const char* iso)
     {
-        NimbrelCalendar::setCurrentTimeSource([now] { return now; });
+        NimbrelCalendar::setCurrentTimeSource([now = at(iso)] { return now; });
     }
-
     static inline QByteArray savedZone;
 };
 
 TEST_F(CalendarTextTest, PublishOptionsByReadOnlyAndPasswords)
 {
-    struct Row
-    {
-        bool readOnly;
-        const char* readPassword;
-        const char* writePassword;
-        const char* expected;
+    const std::tuple<const char*, const char*> rows[] = {
+        {"readOnly=false readPassword= writePassword=", "everyone can read & write"},
+        {"readOnly=false readPassword= writePassword=w", "everyone can read; write password"},
+        {"readOnly=false readPassword=r writePassword=", "read password"},
+        {"readOnly=false readPassword=r writePassword=w", "read password; write password"},
+        {"readOnly=true readPassword= writePassword=", "everyone can read"},
+        {"readOnly=true readPassword= writePassword=w", "everyone can read"},
+        {"readOnly=true readPassword=r writePassword=", "read password"},
+        {"readOnly=true readPassword=r writePassword=w", "read password"},
+        {"", "everyone can read & write"}, // absent passwords count as none
     };
-    const Row rows[] = {
-        {false, "", "", "everyone can read & write"},
-        {false, "", "w", "everyone can read; write password"},
-        {false, "r", "", "read password"},
-        {false, "r", "w", "read password; write password"},
-        {true, "", "", "everyone can read"},
-        {true, "", "w", "everyone can read"},
-        {true, "r", "", "read password"},
-        {true, "r", "w", "read password"},
-    };
-    for (const Row& row : rows) {
-        const NimbrelCalendar calendar(dict({{"publishedToBonjour", true},
-                                             {"readOnly", row.readOnly},
-                                             {"readPassword", text(row.readPassword)},
-                                             {"writePassword", text(row.writePassword)}}),
-                                       nullptr);
-        EXPECT_EQ(calendar.publishOptions(), str(row.expected))
-            << row.readOnly << " '" << row.readPassword << "' '" << row.writePassword << "'";
-    }
-    // Absent passwords count as none.
-    EXPECT_EQ(NimbrelCalendar(dict({{"publishedToBonjour", 1}}), nullptr).publishOptions(),
-              str("everyone can read & write"));
-}
-
-TEST_F(CalendarTextTest, UnpublishedCalendarHasEmptyPublishOptions)
-{
-    const NimbrelCalendar calendar(
-        dict({{"publishedToBonjour", false}, {"readPassword", text("r")}, {"writePassword", text("w")}}),
-        nullptr);
-    const QString options = calendar.publishOptions();
-    EXPECT_TRUE(options.isEmpty());
-    EXPECT_FALSE(options.isNull());
-}
-
-TEST_F(CalendarTextTest, SubscriptionRowSummary)
-{
-    struct Row
-    {
-        const char* name;
-        QVariantMap record;
-        const char* expected;
-    };
-    const Row rows[] = {
-        {"not subscribed", dict({{"readProtected", true}, {"filterReminders", true}}), "    "},
-        {"read & write", dict({{"subscribedTo", true}}), "    read & write"},
-        {"read only", dict({{"subscribedTo", true}, {"readOnly", true}}), "    read"},
-        {"password wins over read only",
-         dict({{"subscribedTo", true}, {"readProtected", 1}, {"readOnly", true}}), "    password required"},
-        {"protected, no reminders, no attachments",
-         dict({{"subscribedTo", true},
-               {"readProtected", true},
-               {"filterReminders", true},
-               {"filterToDos", false},
-               {"filterAttachments", true}}),
-         "    password required, no reminders, no attachments"},
-        {"every filter in order",
-         dict({{"subscribedTo", true},
-               {"filterAttachments", true},
-               {"filterToDos", true},
-               {"filterReminders", true}}),
-         "    read & write, no reminders, no to dos, no attachments"},
-        // Source keys mean nothing on a calendar row.
-        {"leaf ignores source state", dict({{"subscribedTo", true}, {"offline", true}, {"version", true}}),
-         "    read & write"},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(NimbrelCalendar(row.record, nullptr).subscribeOptions(), str(row.expected)) << row.name;
-}
-
-TEST_F(CalendarTextTest, SourceRowSummaryFirstRuleThatHolds)
-{
-    const QDateTime syncedToday = local(2024, 3, 14, 8, 5);
-    struct Row
-    {
-        const char* name;
-        QVariantMap record;
-        QString expected;
-    };
-    const Row rows[] = {
-        {"incompatible version wins", dict({{"version", true}, {"offline", true}, {"syncTime", syncedToday}}),
-         str("incompatible version")},
-        {"offline with sync time", dict({{"offline", true}, {"syncTime", syncedToday}}),
-         str("offline - synced today ") + shortTime(syncedToday)},
-        {"offline, never synced", dict({{"offline", true}}), str("unable to connect")},
-        {"online with sync time", dict({{"syncTime", syncedToday}}), str("online")},
-        {"online, never synced", dict(), str("connecting")},
-        {"noon on the first day is no sync", dict({{"syncTime", utc(1970, 1, 1, 12, 0)}}), str("connecting")},
-        {"a string is no sync time", dict({{"syncTime", text("2024-03-14T08:05:00")}}), str("connecting")},
-    };
-    for (const Row& row : rows) {
-        QVariantMap record = row.record;
-        record.insert(str("source"), true);
-        record.insert(str("calendars"),
-                      QVariantList{dict({{"title", text("child")}, {"subscribedTo", true}})});
-        EXPECT_EQ(NimbrelCalendar(record, nullptr).subscribeOptions(), row.expected) << row.name;
+    for (const auto& [record, expected] : rows) {
+        SCOPED_TRACE(record);
+        QVariantMap map = rec(record);
+        map.insert(s("publishedToBonjour"), 1);
+        EXPECT_EQ(NimbrelCalendar(map, nullptr).publishOptions(), s(expected));
+        // Not published: an empty text, not a null one.
+        map.insert(s("publishedToBonjour"), false);
+        const QString unpublished = NimbrelCalendar(map, nullptr).publishOptions();
+        EXPECT_TRUE(unpublished.isEmpty() && !unpublished.isNull());
     }
 }
 
-TEST_F(CalendarTextTest, OfflineSourceShowsTheLocalTime)
+TEST_F(CalendarTextTest, SubscribeOptionsOfACalendarOrOfASource)
 {
-    // 18:05 UTC is 08:05 in the test's zone.
-    const NimbrelCalendar source(
-        dict({{"source", true}, {"offline", true}, {"syncTime", utc(2024, 3, 14, 18, 5)}}), nullptr);
-    const QString summary = source.subscribeOptions();
-    EXPECT_TRUE(summary.startsWith(str("offline - synced today "))) << qPrintable(summary);
-    EXPECT_TRUE(summary.contains(str("8:05"))) << qPrintable(summary);
+    // 18:05 UTC is 08:05 here: the local time is shown.
+    const QString offline = s("offline - synced today ") + shown("2024-03-14T08:05");
+    const std::tuple<const char*, QString> rows[] = {
+        {"readProtected=true filterReminders=true", s("    ")}, // not subscribed
+        {"subscribedTo=true", s("    read & write")},
+        {"subscribedTo=true readOnly=true", s("    read")},
+        {"subscribedTo=true readProtected=true readOnly=true", s("    password required")},
+        {"subscribedTo=true readProtected=true filterReminders=true filterToDos=false filterAttachments=true",
+         s("    password required, no reminders, no attachments")},
+        {"subscribedTo=true filterAttachments=true filterToDos=true filterReminders=true",
+         s("    read & write, no reminders, no to dos, no attachments")},
+        {"subscribedTo=true offline=true version=true",
+         s("    read & write")}, // source keys mean nothing here
+        // A source: the first rule that holds.
+        {"source=true version=true offline=true syncTime=2024-03-14T18:05Z", s("incompatible version")},
+        {"source=true offline=true syncTime=2024-03-14T18:05Z", offline},
+        {"source=true offline=true", s("unable to connect")},
+        {"source=true syncTime=2024-03-14T18:05Z", s("online")},
+        {"source=true subscribedTo=true", s("connecting")},
+    };
+    for (const auto& [record, expected] : rows)
+        EXPECT_EQ(NimbrelCalendar(rec(record), nullptr).subscribeOptions(), expected) << record;
 }
 
 TEST_F(CalendarTextTest, LastSyncNamesTheLocalDay)
 {
-    struct Row
-    {
-        const char* name;
-        QDateTime now;
-        QDateTime date;
-        bool online;
-        const char* prefix;
-        bool withDate;
-    };
-    const QDateTime morning = local(2024, 3, 14, 9, 30);
-    const Row rows[] = {
-        {"today", morning, local(2024, 3, 14, 8, 5), true, "synced today ", false},
-        {"start of today", morning, local(2024, 3, 14, 0, 0), true, "synced today ", false},
-        {"later today", morning, local(2024, 3, 14, 23, 59), true, "synced today ", false},
-        {"yesterday", morning, local(2024, 3, 13, 9, 30), true, "synced yesterday ", false},
-        {"two minutes ago, across midnight", local(2024, 3, 14, 0, 1), local(2024, 3, 13, 23, 59), true,
-         "synced yesterday ", false},
-        {"23 hours ago is yesterday", local(2024, 3, 14, 0, 30), local(2024, 3, 13, 1, 30), true,
-         "synced yesterday ", false},
-        {"two days ago", morning, local(2024, 3, 12, 23, 59), true, "synced ", true},
-        {"a year ago", morning, local(2023, 3, 14, 9, 30), true, "synced ", true},
-        {"tomorrow (clock skew)", morning, local(2024, 3, 15, 0, 0), true, "synced ", true},
-        {"across a month end", local(2024, 3, 1, 10, 0), local(2024, 2, 29, 10, 0), true, "synced yesterday ",
-         false},
+    // now, sync time, online: the text before the time, whether the date is shown (now is 09:30 when empty)
+    const std::tuple<const char*, const char*, bool, const char*, bool> rows[] = {
+        {"", "2024-03-14T08:05", true, "synced today ", false},
+        {"", "2024-03-14T23:59", true, "synced today ", false},
+        {"", "2024-03-13T09:30", true, "synced yesterday ", false},
+        {"2024-03-14T00:01", "2024-03-13T23:59", true, "synced yesterday ", false},
+        {"2024-03-01T10:00", "2024-02-29T10:00", true, "synced yesterday ", false}, // across a month end
+        {"", "2024-03-12T23:59", true, "synced ", true},
+        {"", "2023-03-14T09:30", true, "synced ", true},
+        {"", "2024-03-15T00:00", true, "synced ", true}, // a clock running ahead
         // Local day, not UTC day: 08:00 and 20:00 here are on different UTC days.
-        {"same local day, different UTC day", local(2024, 3, 14, 20, 0), utc(2024, 3, 14, 18, 0), true,
-         "synced today ", false},
-        {"offline today", morning, local(2024, 3, 14, 8, 5), false, "offline - synced today ", false},
-        {"offline yesterday", morning, local(2024, 3, 13, 8, 5), false, "offline - synced yesterday ", false},
-        {"offline older", morning, local(2024, 3, 1, 8, 5), false, "offline - synced ", true},
+        {"2024-03-14T20:00", "2024-03-14T18:00Z", true, "synced today ", false},
+        {"", "2024-03-14T08:05", false, "offline - synced today ", false},
+        {"", "2024-03-13T08:05", false, "offline - synced yesterday ", false},
+        {"", "2024-03-01T08:05", false, "offline - synced ", true},
     };
-    for (const Row& row : rows) {
-        setNow(row.now);
-        const QString when = row.withDate ? shortDateTime(row.date) : shortTime(row.date);
-        EXPECT_EQ(NimbrelCalendar::lastSyncStringForDate(row.date, row.online), str(row.prefix) + when)
-            << row.name;
+    for (const auto& [now, date, online, prefix, withDate] : rows) {
+        setNow(*now ? now : "2024-03-14T09:30");
+        EXPECT_EQ(NimbrelCalendar::lastSyncStringForDate(at(date), online), s(prefix) + shown(date, withDate))
+            << now << " " << date;
     }
 }
 
 TEST_F(CalendarTextTest, LastSyncAsStringFirstRuleThatHolds)
 {
-    const QDateTime syncedToday = local(2024, 3, 14, 8, 5);
-    const QString todayText = str("synced today ") + shortTime(syncedToday);
-    struct Row
-    {
-        const char* name;
-        QVariantMap record;
-        std::optional<QString> expected; // nullopt: nothing to say (a null string)
+    const QString today = s("synced today ") + shown("2024-03-14T08:05");
+    const std::tuple<const char*, QString> rows[] = {
+        {"syncError=expired offline=true running=true syncTime=2024-03-14T08:05", s("error - expired")},
+        {"syncError=account", s("error - account")},
+        {"", QString()},             // a null text: nothing to say
+        {"running=true", QString()}, // not before the first sync
+        {"offline=true running=true syncTime=2024-03-14T08:05", s("offline - ") + today},
+        {"running=true syncTime=2024-03-14T08:05", s("synchronizing...")},
+        {"syncTime=2024-03-14T08:05", today},
     };
-    const Row rows[] = {
-        {"error wins, also offline",
-         dict({{"syncError", text("token expired")},
-               {"offline", true},
-               {"running", true},
-               {"syncTime", syncedToday}}),
-         str("error - token expired")},
-        {"error before the first sync", dict({{"syncError", text("no account")}}), str("error - no account")},
-        {"never synced", dict(), std::nullopt},
-        {"running before the first sync", dict({{"running", true}}), std::nullopt},
-        {"noon on the first day is no sync", dict({{"running", true}, {"syncTime", utc(1970, 1, 1, 12, 0)}}),
-         std::nullopt},
-        {"offline wins over running", dict({{"offline", true}, {"running", true}, {"syncTime", syncedToday}}),
-         str("offline - ") + todayText},
-        {"running after a sync", dict({{"running", true}, {"syncTime", syncedToday}}),
-         str("synchronizing...")},
-        {"idle after a sync", dict({{"syncTime", syncedToday}}), todayText},
-    };
-    for (const Row& row : rows) {
-        const QString result = NimbrelCalendar(row.record, nullptr).lastSyncAsString();
-        if (row.expected)
-            EXPECT_EQ(result, *row.expected) << row.name;
-        else
-            EXPECT_TRUE(result.isNull()) << row.name << ": " << qPrintable(result);
+    for (const auto& [record, expected] : rows) {
+        const QString text = NimbrelCalendar(rec(record), nullptr).lastSyncAsString();
+        EXPECT_EQ(text, expected) << record;
+        EXPECT_EQ(text.isNull(), expected.isNull()) << record;
     }
 }
 
 TEST_F(CalendarTextTest, SyncTimeCountsOnlyAfterTheFirstDay)
 {
-    struct Row
-    {
-        const char* name;
-        QVariant syncTime;
-        bool usable;
+    const std::tuple<QVariant, bool> rows[] = {
+        {QVariant(), false},
+        {at("1970-01-01T12:00Z"), false},
+        {at("1970-01-02T00:00Z"), false}, // exactly one day
+        {at("1970-01-02T00:00:01Z"), true},
+        {at("1969-12-31T00:00Z"), false},
+        {QDateTime(), false},
+        {1710403500, false},
+        {s("2024-03-14T08:05:00"), false},
     };
-    const Row rows[] = {
-        {"absent", QVariant(), false},
-        {"epoch", utc(1970, 1, 1, 0, 0), false},
-        {"noon on the first day", utc(1970, 1, 1, 12, 0), false},
-        {"exactly one day", utc(1970, 1, 2, 0, 0), false},
-        {"one day and a second", utc(1970, 1, 2, 0, 0, 1), true},
-        {"before the epoch", utc(1969, 12, 31, 0, 0), false},
-        {"invalid date", QDateTime(), false},
-        {"recent", utc(2024, 3, 14, 8, 5), true},
-        {"a number", 1710403500, false},
-    };
-    for (const Row& row : rows) {
-        QVariantMap record;
-        if (row.syncTime.isValid())
-            record.insert(str("syncTime"), row.syncTime);
-        const std::optional<QDateTime> time = NimbrelCalendar(record, nullptr).usableSyncTime();
-        EXPECT_EQ(time.has_value(), row.usable) << row.name;
-        if (time) {
-            EXPECT_EQ(*time, row.syncTime.toDateTime()) << row.name;
-        }
+    for (const auto& [time, usable] : rows) {
+        const NimbrelCalendar calendar(QVariantMap{{s("syncTime"), time}}, nullptr);
+        EXPECT_EQ(calendar.usableSyncTime(), usable ? std::optional(time.toDateTime()) : std::nullopt)
+            << qPrintable(time.toString());
     }
 }
 
