@@ -8,35 +8,16 @@
 #include "support/PlistCompare.h"
 #include "support/TestEnvironment.h"
 
-#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
-#include <QSet>
+#include <QMap>
 #include <QXmlStreamReader>
-#include <functional>
 #include <gtest/gtest.h>
-#include <ostream>
-
-// Readable failure messages for strings.
-inline void PrintTo(const QString& string, std::ostream* os)
-{
-    *os << '"' << string.toStdString() << '"';
-}
 
 using namespace nimbrel;
 using nimbrel::test::FakeAppPeer;
-
-namespace {
-
-// Deep equality where a null result equals a null expectation.
-bool identical(const QVariant& a, const QVariant& b)
-{
-    return (!a.isValid() && !b.isValid()) || test::identical(a, b);
-}
-
-const QString kNoOwner = QStringLiteral("org.freedesktop.DBus.Error.NameHasNoOwner");
-
-} // namespace
+using nimbrel::test::identical;
+using Proxy = nimbrel::AppProtocolProxy;
 
 namespace {
 
@@ -45,355 +26,225 @@ QString s(const char* text)
     return QString::fromUtf8(text);
 }
 
-QVariantMap calendar(const char* uid)
-{
-    return {{s("uid"), s(uid)},
-            {s("title"), s("Work")},
-            {s("order"), qint64(3)},
-            {s("publishedToBonjour"), true},
-            {s("syncTime"), QDateTime(QDate(2008, 1, 2), QTime(3, 4, 5), Qt::UTC)}};
-}
+const QString kNoOwner = s("org.freedesktop.DBus.Error.NameHasNoOwner");
+const QString kBusy = s("com.quorvia.Nimbrel.Error.Busy");
+const QVariantMap kCalendar{{s("uid"), s("C")},
+                            {s("order"), qint64(3)},
+                            {s("syncTime"), QDateTime(QDate(2008, 1, 2), QTime(3, 4, 5), Qt::UTC)}};
 
-// Method names of the interface as checked in.
-QSet<QString> xmlMethods()
+// The methods of the interface as checked in, each with whether it is one-way (NoReply).
+QMap<QString, bool> xmlMethods()
 {
     QFile file(test::sourcePath(s("dbus/com.quorvia.Nimbrel.AppProtocol.xml")));
     EXPECT_TRUE(file.open(QIODevice::ReadOnly));
-    QSet<QString> names;
+    QMap<QString, bool> methods;
+    QString method;
     QXmlStreamReader xml(&file);
     while (!xml.atEnd()) {
-        if (xml.readNext() == QXmlStreamReader::StartElement && xml.name() == QLatin1String("method"))
-            names.insert(xml.attributes().value(QLatin1String("name")).toString());
+        if (xml.readNext() != QXmlStreamReader::StartElement)
+            continue;
+        const QString name = xml.attributes().value(QLatin1String("name")).toString();
+        if (xml.name() == QLatin1String("method"))
+            methods.insert(method = name, false);
+        else if (xml.name() == QLatin1String("annotation") &&
+                 name == s("org.freedesktop.DBus.Method.NoReply"))
+            methods[method] = true;
     }
     EXPECT_FALSE(xml.hasError()) << qPrintable(xml.errorString());
-    return names;
+    return methods;
 }
 
-struct SyncCase
-{
-    const char* method;
-    std::function<QVariant(const AppProtocolProxy&)> invoke;
-    std::function<void(FakeAppPeer&)> script; // sets an answer the default would not give
-    QVariant scripted;                        // what the proxy then yields
-    QVariant failed;                          // what it yields when the call fails
-};
-
-const QVariantList kList{calendar("A"), calendar("B")};
-
-std::vector<SyncCase> syncCases()
-{
-    const auto list = [](const char* method, QVariantList (AppProtocolProxy::*fetch)() const) {
-        return SyncCase{method, [fetch](const AppProtocolProxy& p) { return QVariant((p.*fetch)()); },
-                        [method](FakeAppPeer& f) {
-                            f.setListAnswer(s(method), QVariantList{kList.value(0), s(method)});
-                        },
-                        plist::normalized(QVariantList{kList.value(0), s(method)}), QVariantList()};
-    };
-    return {
-        {"version",
-         [](const AppProtocolProxy& p) {
-             const auto v = p.version();
-             return v ? QVariant(*v) : QVariant();
-         },
-         [](FakeAppPeer& f) { f.setVersion(4); }, 4, QVariant()},
-        list("calendarsPublishableViaBonjour", &AppProtocolProxy::calendarsPublishableViaBonjour),
-        list("sourceListOfBonjourCalendars", &AppProtocolProxy::sourceListOfBonjourCalendars),
-        list("calendarsPublishableToGoogle", &AppProtocolProxy::calendarsPublishableToGoogle),
-        list("sourceListOfGoogleCalendars", &AppProtocolProxy::sourceListOfGoogleCalendars),
-        {"bonjourPublisherInfo", [](const AppProtocolProxy& p) { return QVariant(p.bonjourPublisherInfo()); },
-         [](FakeAppPeer& f) {
-             f.setBonjourInfo({{s("name"), s("Den")}, {s("port"), 8008}});
-         },
-         QVariantMap{{s("name"), s("Den")}, {s("port"), qint64(8008)}}, QVariantMap()},
-        {"googleSyncInProgress", [](const AppProtocolProxy& p) { return QVariant(p.googleSyncInProgress()); },
-         [](FakeAppPeer& f) { f.setGoogleSyncInProgress(true); }, true, false},
-        {"techSupportInfo",
-         [](const AppProtocolProxy& p) {
-             p.techSupportInfo();
-             return QVariant();
-         },
-         [](FakeAppPeer&) {}, QVariant(), QVariant()},
-    };
-}
-
-struct OneWayCase
-{
-    const char* method;
-    std::function<void(const AppProtocolProxy&)> invoke;
-    QVariantList arguments;
-};
-
-std::vector<OneWayCase> oneWayCases()
-{
-    const QVariantMap dict = calendar("C");
-    const auto withDict = [dict](const char* method, void (AppProtocolProxy::*op)(const QVariantMap&) const) {
-        return OneWayCase{
-            method, [op, dict](const AppProtocolProxy& p) { (p.*op)(dict); }, {plist::normalized(dict)}};
-    };
-    const auto bare = [](const char* method, void (AppProtocolProxy::*op)() const) {
-        return OneWayCase{method, [op](const AppProtocolProxy& p) { (p.*op)(); }, {}};
-    };
-    return {
-        withDict("publishCalendarViaBonjour", &AppProtocolProxy::publishCalendarViaBonjour),
-        withDict("publishCalendarToGoogle", &AppProtocolProxy::publishCalendarToGoogle),
-        withDict("subscribeTo", &AppProtocolProxy::subscribeTo),
-        withDict("publishOptions", &AppProtocolProxy::publishOptions),
-        withDict("subscribeOptions", &AppProtocolProxy::subscribeOptions),
-        withDict("bonjourIPServiceOptions", &AppProtocolProxy::bonjourIPServiceOptions),
-        withDict("disconnectBonjourIPService", &AppProtocolProxy::disconnectBonjourIPService),
-        withDict("googleServiceOptions", &AppProtocolProxy::googleServiceOptions),
-        withDict("disconnectGoogleService", &AppProtocolProxy::disconnectGoogleService),
-        withDict("setBonjourPublisherInfo", &AppProtocolProxy::setBonjourPublisherInfo),
-        {"log", [](const AppProtocolProxy& p) { p.log(s("pane: hello")); }, {s("pane: hello")}},
-        bare("checkForUpdate", &AppProtocolProxy::checkForUpdate),
-        bare("autoCheckForUpdatesChanged", &AppProtocolProxy::autoCheckForUpdatesChanged),
-        bare("syncHistoryWillBeReset", &AppProtocolProxy::syncHistoryWillBeReset),
-        bare("syncHistoryWasReset", &AppProtocolProxy::syncHistoryWasReset),
-        bare("resetDatabase", &AppProtocolProxy::resetDatabase),
-        bare("shutdown", &AppProtocolProxy::shutdown),
-    };
-}
+// The synchronous methods in the order the test calls them; the rest of the interface is one-way.
+const QStringList kSyncMethods =
+    s("version calendarsPublishableViaBonjour sourceListOfBonjourCalendars "
+      "calendarsPublishableToGoogle sourceListOfGoogleCalendars bonjourPublisherInfo "
+      "googleSyncInProgress techSupportInfo")
+        .split(u' ');
+const std::pair<QString, QVariantList (Proxy::*)() const> kLists[] = {
+    {kSyncMethods[1], &Proxy::calendarsPublishableViaBonjour},
+    {kSyncMethods[2], &Proxy::sourceListOfBonjourCalendars},
+    {kSyncMethods[3], &Proxy::calendarsPublishableToGoogle},
+    {kSyncMethods[4], &Proxy::sourceListOfGoogleCalendars}};
 
 class AppProtocol : public ::testing::Test
 {
 protected:
     FakeAppPeer peer;
-    AppProtocolProxy proxy;
+    Proxy proxy;
 };
 
 } // namespace
 
-TEST_F(AppProtocol, TheTestsCoverEveryMethodOfTheInterface)
-{
-    QSet<QString> covered;
-    for (const SyncCase& c : syncCases())
-        covered.insert(s(c.method));
-    for (const OneWayCase& c : oneWayCases())
-        covered.insert(s(c.method));
-    EXPECT_EQ(covered, xmlMethods());
-}
-
-TEST_F(AppProtocol, SynchronousOperationsYieldDefaultsThenScriptedAnswers)
-{
-    ASSERT_TRUE(peer.start());
-    EXPECT_EQ(proxy.version(), std::optional<qint32>(kAppProtocolVersion));
-    for (const SyncCase& c : syncCases()) {
-        SCOPED_TRACE(c.method);
-        if (s(c.method) != s("version") && s(c.method) != s("techSupportInfo")) {
-            EXPECT_TRUE(identical(c.invoke(proxy), c.failed)); // the defaults equal the failure values
-        }
-        c.script(peer);
-        EXPECT_TRUE(identical(c.invoke(proxy), c.scripted)) << qPrintable(c.invoke(proxy).toString());
-        EXPECT_GE(peer.callCount(s(c.method)), 1);
-        EXPECT_TRUE(peer.calls(s(c.method)).constFirst().replyExpected);
-    }
-}
-
-TEST_F(AppProtocol, FailedCallsYieldNullEmptyFalseOrZero)
+TEST_F(AppProtocol, SynchronousOperationsYieldTheAnswerOrNullEmptyOrFalse)
 {
     proxy.setTimeout(300);
+    const QVariantMap info{{s("name"), s("Den")}, {s("port"), 8008}};
+    peer.setVersion(4);
+    for (const auto& [method, fetch] : kLists)
+        peer.setListAnswer(method, {kCalendar, method});
+    peer.setBonjourInfo(info);
+    peer.setGoogleSyncInProgress(true);
+
+    // Whatever the peer would have answered, a failed call yields null, empty or false.
     const auto expectAllFail = [this](const QString& errorName) {
-        for (const SyncCase& c : syncCases()) {
-            SCOPED_TRACE(c.method);
-            c.script(peer);
-            EXPECT_TRUE(identical(c.invoke(proxy), c.failed));
+        EXPECT_EQ(proxy.version(), std::nullopt);
+        for (const auto& [method, fetch] : kLists)
+            EXPECT_EQ((proxy.*fetch)(), QVariantList()) << method.toStdString();
+        bool ok = true;
+        EXPECT_EQ(proxy.bonjourPublisherInfo(&ok), QVariantMap());
+        EXPECT_FALSE(ok);
+        EXPECT_FALSE(proxy.googleSyncInProgress());
+        proxy.techSupportInfo();
+        for (const QString& method : kSyncMethods) {
             QDBusError error;
-            EXPECT_FALSE(proxy.call(s(c.method), {}, &error).has_value());
+            EXPECT_EQ(proxy.call(method, {}, &error), std::nullopt) << method.toStdString();
             EXPECT_EQ(error.name(), errorName);
         }
     };
-    {
-        SCOPED_TRACE("not running");
-        // Not ServiceUnknown: the bus was not asked to start the application.
-        expectAllFail(kNoOwner);
-        bool ok = true;
-        proxy.bonjourPublisherInfo(&ok);
-        EXPECT_FALSE(ok);
-    }
-    ASSERT_TRUE(peer.start());
-    {
-        SCOPED_TRACE("error replies");
-        for (const SyncCase& c : syncCases())
-            peer.setErrorReply(s(c.method), s("com.quorvia.Nimbrel.Error.Busy"));
-        expectAllFail(s("com.quorvia.Nimbrel.Error.Busy"));
-    }
-    {
-        SCOPED_TRACE("no reply within the time-out");
-        peer.resetAnswers();
-        peer.setNeverReply(s("version"));
-        QDBusError error;
-        QElapsedTimer clock;
-        clock.start();
-        EXPECT_EQ(proxy.version(&error), std::nullopt);
-        EXPECT_GE(clock.elapsed(), 250);
-        EXPECT_EQ(error.type(), QDBusError::NoReply) << qPrintable(error.name());
-        EXPECT_EQ(proxy.calendarsPublishableToGoogle(), QVariantList()); // other methods still answer
-        peer.setListAnswer(s("calendarsPublishableToGoogle"), kList);
-        EXPECT_EQ(proxy.calendarsPublishableToGoogle().size(), 2);
-    }
-}
+    // Not running: NameHasNoOwner, not ServiceUnknown, since the bus was not asked to start it.
+    expectAllFail(kNoOwner);
+    EXPECT_TRUE(peer.calls().isEmpty());
 
-TEST_F(AppProtocol, LateRepliesArriveWithinTheTimeOutOnly)
-{
     ASSERT_TRUE(peer.start());
-    peer.setListAnswer(s("sourceListOfBonjourCalendars"), kList);
-    peer.setReplyDelay(s("sourceListOfBonjourCalendars"), 300);
-    proxy.setTimeout(5000);
-    EXPECT_TRUE(identical(proxy.sourceListOfBonjourCalendars(), plist::normalized(kList)));
-    proxy.setTimeout(50);
-    EXPECT_EQ(proxy.sourceListOfBonjourCalendars(), QVariantList());
-    // The late answer to the abandoned call does not confuse the next one.
-    proxy.setTimeout(5000);
-    peer.setReplyDelay(s("sourceListOfBonjourCalendars"), 0);
-    peer.setVersion(7);
-    EXPECT_EQ(proxy.version(), std::optional<qint32>(7));
-    EXPECT_EQ(proxy.sourceListOfBonjourCalendars().size(), 2);
-}
+    EXPECT_EQ(proxy.version(), std::optional<qint32>(4));
+    for (const auto& [method, fetch] : kLists)
+        EXPECT_TRUE(identical((proxy.*fetch)(), plist::normalized(QVariantList{kCalendar, method})));
+    EXPECT_TRUE(identical(proxy.bonjourPublisherInfo(), plist::normalized(info)));
+    EXPECT_TRUE(proxy.googleSyncInProgress());
+    proxy.techSupportInfo();
+    QStringList methods;
+    for (const test::RecordedCall& call : peer.calls()) {
+        methods << call.method;
+        EXPECT_TRUE(call.replyExpected) << call.method.toStdString();
+    }
+    EXPECT_EQ(methods, kSyncMethods);
 
-TEST_F(AppProtocol, ApplicationThatAppearsAndQuitsIsFoundAndLost)
-{
+    for (const QString& method : kSyncMethods)
+        peer.setErrorReply(method, kBusy);
+    expectAllFail(kBusy);
+
+    // No reply: the proxy's own time-out ends the wait, not the bus default of 25 s.
+    peer.resetAnswers();
+    peer.setNeverReply(s("version"));
     QDBusError error;
-    EXPECT_EQ(proxy.version(&error), std::nullopt);
-    EXPECT_EQ(error.name(), kNoOwner);
-    EXPECT_EQ(peer.calls().size(), 0); // not started on demand
-
-    ASSERT_TRUE(peer.start());
-    EXPECT_EQ(proxy.version(&error), std::optional<qint32>(5));
-    EXPECT_FALSE(error.isValid());
-
-    peer.stop();
-    EXPECT_EQ(proxy.version(&error), std::nullopt);
-    EXPECT_EQ(error.name(), kNoOwner);
-
-    FakeAppPeer rival; // a second instance cannot take the name while the first holds it
-    ASSERT_TRUE(peer.start());
-    EXPECT_FALSE(rival.start());
-}
-
-TEST_F(AppProtocol, OneWayOperationsCarryTheirArgumentsWithoutReply)
-{
-    ASSERT_TRUE(peer.start());
-    const std::vector<OneWayCase> cases = oneWayCases();
-    for (const OneWayCase& c : cases)
-        c.invoke(proxy);
-    ASSERT_TRUE(peer.waitForCall(s(cases.back().method)));
-    const QList<test::RecordedCall> calls = peer.calls();
-    ASSERT_EQ(calls.size(), qsizetype(cases.size()));
-    for (size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE(cases[i].method);
-        EXPECT_EQ(calls[i].method, s(cases[i].method)); // in the order sent
-        EXPECT_TRUE(identical(calls[i].arguments, cases[i].arguments));
-        EXPECT_FALSE(calls[i].replyExpected);
-    }
-}
-
-TEST_F(AppProtocol, OneWayOperationsReturnAtOnceEvenWhenThePeerIsSlowOrAbsent)
-{
-    proxy.shutdown(); // nobody there: dropped without a fuss
-    EXPECT_TRUE(proxy.send(s("shutdown")));
-    ASSERT_TRUE(peer.start());
-    peer.setNeverReply(s("resetDatabase"));
     QElapsedTimer clock;
     clock.start();
-    proxy.resetDatabase();
+    EXPECT_EQ(proxy.version(&error), std::nullopt);
+    EXPECT_GE(clock.elapsed(), 250);
+    EXPECT_LT(clock.elapsed(), 5000);
+    EXPECT_EQ(error.type(), QDBusError::NoReply) << qPrintable(error.name());
+    EXPECT_TRUE(proxy.call(s("googleSyncInProgress")).has_value()); // the others still answer
+
+    peer.stop(); // the application quit
+    EXPECT_EQ(proxy.call(s("googleSyncInProgress"), {}, &error), std::nullopt);
+    EXPECT_EQ(error.name(), kNoOwner);
+}
+
+TEST_F(AppProtocol, OneWayOperationsCarryTheirArgumentsWithoutReplyAndReturnAtOnce)
+{
+    const std::pair<const char*, void (Proxy::*)(const QVariantMap&) const> withDictionary[] = {
+        {"publishCalendarViaBonjour", &Proxy::publishCalendarViaBonjour},
+        {"publishCalendarToGoogle", &Proxy::publishCalendarToGoogle},
+        {"subscribeTo", &Proxy::subscribeTo},
+        {"publishOptions", &Proxy::publishOptions},
+        {"subscribeOptions", &Proxy::subscribeOptions},
+        {"bonjourIPServiceOptions", &Proxy::bonjourIPServiceOptions},
+        {"disconnectBonjourIPService", &Proxy::disconnectBonjourIPService},
+        {"googleServiceOptions", &Proxy::googleServiceOptions},
+        {"disconnectGoogleService", &Proxy::disconnectGoogleService},
+        {"setBonjourPublisherInfo", &Proxy::setBonjourPublisherInfo}};
+    const std::pair<const char*, void (Proxy::*)() const> bare[] = {
+        {"checkForUpdate", &Proxy::checkForUpdate},
+        {"autoCheckForUpdatesChanged", &Proxy::autoCheckForUpdatesChanged},
+        {"syncHistoryWillBeReset", &Proxy::syncHistoryWillBeReset},
+        {"syncHistoryWasReset", &Proxy::syncHistoryWasReset},
+        {"resetDatabase", &Proxy::resetDatabase},
+        {"shutdown", &Proxy::shutdown}};
+
+    EXPECT_TRUE(proxy.send(s("shutdown"))); // nobody there: dropped without a fuss
+    ASSERT_TRUE(peer.start());
+    QList<std::pair<QString, QVariantList>> expected; // in the order sent
+    QElapsedTimer clock;
+    clock.start();
+    for (const auto& [method, send] : withDictionary) {
+        (proxy.*send)(kCalendar);
+        expected.append({s(method), {plist::normalized(kCalendar)}});
+    }
+    proxy.log(s("pane: hello"));
+    expected.append({s("log"), {s("pane: hello")}});
+    for (const auto& [method, send] : bare) {
+        (proxy.*send)();
+        expected.append({s(method), {}});
+    }
     EXPECT_LT(clock.elapsed(), 1000);
-    EXPECT_TRUE(peer.waitForCall(s("resetDatabase")));
-    EXPECT_EQ(peer.callCount(s("shutdown")), 0);
+    ASSERT_TRUE(peer.waitForCall(s("shutdown")));
+    const QList<test::RecordedCall> calls = peer.calls();
+    ASSERT_EQ(calls.size(), expected.size()); // the early shutdown is not among them
+    QMap<QString, bool> covered;              // method → one-way
+    for (qsizetype i = 0; i < calls.size(); ++i) {
+        SCOPED_TRACE(expected[i].first.toStdString());
+        EXPECT_EQ(calls[i].method, expected[i].first);
+        EXPECT_TRUE(identical(calls[i].arguments, expected[i].second));
+        EXPECT_FALSE(calls[i].replyExpected);
+        covered.insert(calls[i].method, true);
+    }
+
+    // Between them the two tables call every method of the interface, one-way exactly where it says
+    // so, and the fake serves them all.
+    for (const QString& method : kSyncMethods)
+        covered.insert(method, false);
+    EXPECT_EQ(covered, xmlMethods());
 }
 
 // ---- Notifications ---------------------------------------------------------------------------------
 
-namespace {
-
-const QStringList kNames{
-    s("Nimbrel Running"),
-    s("Nimbrel Stopped"),
-    s("Nimbrel Reset"),
-    s("Nimbrel Calendars Changed"),
-    s("Nimbrel Bonjour Update"),
-    s("Nimbrel Bonjour Publishable Change"),
-    s("Nimbrel Bonjour Change"),
-    s("Nimbrel Bonjour Name Published"),
-    s("Nimbrel Bonjour Checked Update"),
-    s("Nimbrel Google Update"),
-    s("Nimbrel Google Change"),
-};
-
-class Notifications : public ::testing::Test
+TEST(Notifications, EachNameReachesItsOwnHandlerOnlyUntilAllAreRemoved)
 {
-protected:
-    void SetUp() override
-    {
-        for (const QString& name : kNames)
-            ASSERT_TRUE(bus.addObserver(name, [this, name] { received.append(name); }));
-        ASSERT_TRUE(fence.addObserver(s("fence"), [this] { ++fences; }));
-    }
-
-    // Posts `name`, then a fence that only `fence` observes; once the fence is in, everything
-    // posted before it has been delivered too.
-    void postAndSettle(const QString& name)
-    {
-        const int before = fences;
-        ASSERT_TRUE(peer.post(name));
-        ASSERT_TRUE(peer.post(s("fence")));
-        ASSERT_TRUE(test::waitUntil([&] { return fences > before; }));
-    }
-
+    // Names as the background application posts them: exact text, spaces included.
+    const QStringList names{s("Nimbrel Running"), s("Nimbrel Bonjour Name Published"), s("Nimbrel Reset")};
     FakeAppPeer peer;
-    NotificationBus bus;
-    NotificationBus fence;
+    NotificationBus bus, fence;
     QStringList received;
     int fences = 0;
-};
+    ASSERT_TRUE(fence.addObserver(s("fence"), [&fences] { ++fences; }));
+    // Posts `name`, then a fence only `fence` observes: once that is in, `name` has been delivered.
+    const auto postAndSettle = [&](const QString& name) {
+        const int before = fences;
+        ASSERT_TRUE(peer.post(name) && peer.post(s("fence")));
+        ASSERT_TRUE(test::waitUntil([&] { return fences > before; }));
+    };
 
-} // namespace
-
-TEST_F(Notifications, EachNameReachesItsOwnHandlerOnly)
-{
-    EXPECT_EQ(bus.observedNames(), kNames);
-    for (const QString& name : kNames) {
+    for (const QString& name : names)
+        ASSERT_TRUE(bus.addObserver(name, [&received, name] { received.append(name); }));
+    EXPECT_EQ(bus.observedNames(), names);
+    for (const QString& name : names) {
         received.clear();
         postAndSettle(name);
         EXPECT_EQ(received, QStringList{name});
     }
     received.clear();
-    for (const char* other : {"Nimbrel Bonjour", "nimbrel running", "Nimbrel Running ", ""})
-        postAndSettle(s(other));
-    EXPECT_EQ(received, QStringList());
-}
-
-TEST_F(Notifications, RemovingAllObserversStopsDelivery)
-{
     bus.removeAllObservers();
     EXPECT_EQ(bus.observedNames(), QStringList());
-    for (const QString& name : kNames)
+    for (const QString& name : names)
         postAndSettle(name);
     EXPECT_EQ(received, QStringList());
 
-    // Observing again after removal works, and a repeated name keeps one subscription.
-    ASSERT_TRUE(bus.addObserver(kNames[0], [this] { received.append(s("first")); }));
-    ASSERT_TRUE(bus.addObserver(kNames[0], [this] { received.append(s("second")); }));
-    postAndSettle(kNames[0]);
-    EXPECT_EQ(received, QStringList{s("second")});
-}
-
-TEST_F(Notifications, HandlerMayRemoveEveryObserver)
-{
-    bus.removeAllObservers();
-    ASSERT_TRUE(bus.addObserver(kNames[1], [this] {
-        received.append(kNames[1]);
+    // Observing again works; a repeated name keeps one subscription with the newest handler, and a
+    // handler may remove every observer, itself included.
+    ASSERT_TRUE(bus.addObserver(names[0], [&] { received.append(s("first")); }));
+    ASSERT_TRUE(bus.addObserver(names[0], [&] {
+        received.append(s("second"));
         bus.removeAllObservers();
     }));
-    postAndSettle(kNames[1]);
-    postAndSettle(kNames[1]);
-    EXPECT_EQ(received, QStringList{kNames[1]});
-}
+    postAndSettle(names[0]);
+    postAndSettle(names[0]);
+    EXPECT_EQ(received, QStringList{s("second")});
 
-TEST_F(Notifications, PeerConfirmsRequestsWithTheScriptedNotification)
-{
+    // The fake confirms a request with the notification it was scripted to post.
+    ASSERT_TRUE(bus.addObserver(names[1], [&] { received.append(names[1]); }));
     ASSERT_TRUE(peer.start());
-    peer.setPostOnCall(s("setBonjourPublisherInfo"), s("Nimbrel Bonjour Name Published"));
-    AppProtocolProxy().setBonjourPublisherInfo({{s("name"), s("Den")}});
-    EXPECT_TRUE(test::waitUntil([this] { return !received.isEmpty(); }));
-    EXPECT_EQ(received, QStringList{s("Nimbrel Bonjour Name Published")});
+    peer.setPostOnCall(s("setBonjourPublisherInfo"), names[1]);
+    Proxy().setBonjourPublisherInfo({});
+    EXPECT_TRUE(test::waitUntil([&] { return received.size() == 2; }));
+    EXPECT_EQ(received, QStringList({s("second"), names[1]}));
 }
