@@ -280,40 +280,32 @@ int FakeAppPeer::version()
     return value;
 }
 
-QVariantList FakeAppPeer::calendarsPublishableViaBonjour()
+QVariantList FakeAppPeer::listAnswer(const QString& method)
 {
-    const QString method = QStringLiteral("calendarsPublishableViaBonjour");
     record(method);
     const QVariantList value = script().lists.value(method);
     answer(method, QVariant(value));
     return value;
+}
+
+QVariantList FakeAppPeer::calendarsPublishableViaBonjour()
+{
+    return listAnswer(QStringLiteral("calendarsPublishableViaBonjour"));
 }
 
 QVariantList FakeAppPeer::sourceListOfBonjourCalendars()
 {
-    const QString method = QStringLiteral("sourceListOfBonjourCalendars");
-    record(method);
-    const QVariantList value = script().lists.value(method);
-    answer(method, QVariant(value));
-    return value;
+    return listAnswer(QStringLiteral("sourceListOfBonjourCalendars"));
 }
 
 QVariantList FakeAppPeer::calendarsPublishableToGoogle()
 {
-    const QString method = QStringLiteral("calendarsPublishableToGoogle");
-    record(method);
-    const QVariantList value = script().lists.value(method);
-    answer(method, QVariant(value));
-    return value;
+    return listAnswer(QStringLiteral("calendarsPublishableToGoogle"));
 }
 
 QVariantList FakeAppPeer::sourceListOfGoogleCalendars()
 {
-    const QString method = QStringLiteral("sourceListOfGoogleCalendars");
-    record(method);
-    const QVariantList value = script().lists.value(method);
-    answer(method, QVariant(value));
-    return value;
+    return listAnswer(QStringLiteral("sourceListOfGoogleCalendars"));
 }
 
 QVariantMap FakeAppPeer::bonjourPublisherInfo()

@@ -155,6 +155,7 @@ private:
 
     // Records the current message and posts what setPostOnCall asks for.
     void record(const QString& method);
+    QVariantList listAnswer(const QString& method);
     // Answers the current (synchronous) call with `value` as scripted: at once (the adaptor sends the
     // return value), later, never or as an error. `value` invalid = no result (techSupportInfo).
     void answer(const QString& method, const QVariant& value);
