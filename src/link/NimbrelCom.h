@@ -30,6 +30,8 @@ inline constexpr int kHandshakeTimeoutMs = 10000;
 inline constexpr double kBackgroundAppStateChangeDelay = 20.0;
 inline constexpr double kBonjourInfoChangeDelay = 10.0;
 inline constexpr double kReconnectDelay = 1.0;
+inline constexpr double kCheckForUpdateDelay = 20.0;
+inline constexpr double kResetDatabaseDelay = 90.0;
 
 class NimbrelCom : public QObject, public CalendarLink
 {
@@ -93,6 +95,32 @@ public:
     void backgroundAppStateChangeTimeout();
     void backgroundAppLaunched();
     void backgroundAppTerminated();
+    // Start or stop; the answer arrives as nimbrelBackgroundAppStateChange. The login item follows.
+    void setBackgroundAppRunning(bool wanted);
+    void stopBackgroundApp();
+    void setMenuBarAppRunning(bool wanted);
+    // The app bundles among the pane bundle's resources (empty when missing).
+    QString backgroundAppPath() const;
+    QString menuBarAppPath() const;
+    bool launchBackgroundAppAtStartup();
+    bool launchMenuBarAppAtStartup();
+    bool startsAtLogin(const QString& appPath);
+    void setStartsAtLogin(bool wanted, const QString& appPath);
+    // Replace how companions are started (app bundle path → started) and asked to quit (PID); tests
+    // record instead of launching. Empty functions restore the real ones.
+    void setApplicationLauncher(std::function<bool(const QString&)> launcher);
+    void setApplicationTerminator(std::function<void(qint64)> terminator);
+
+    // ---- Update check, database reset, support ------------------------------------------------
+    void checkForUpdate();
+    void checkForUpdateTimeout();
+    bool backgroundAppDatabaseExists();
+    void resetDatabase();
+    void resetDatabaseTimeout();
+    void syncHistoryWillBeReset();
+    void syncHistoryWasReset();
+    void techSupportInfo();
+    void log(const QString& text);
 
     // ---- Calendar lists -----------------------------------------------------------------------
     std::shared_ptr<CalendarList> calendarsPublishableViaBonjour();
@@ -150,6 +178,8 @@ private:
     std::unique_ptr<SettingsStore> m_sharedSettings;
     QString m_backgroundAppIdentifier;
     std::function<qint64(const QString&)> m_processLookup;
+    std::function<bool(const QString&)> m_launcher;
+    std::function<void(qint64)> m_terminator;
     int m_handshakeTimeoutMs = kHandshakeTimeoutMs;
 };
 

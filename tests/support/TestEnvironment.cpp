@@ -27,9 +27,9 @@ QString makeTempDir()
     return dirs.back()->path();
 }
 
-bool waitUntil(const std::function<bool()>& done)
+bool waitUntil(const std::function<bool()>& done, int timeoutMs)
 {
-    for (QDeadlineTimer deadline(5000); !done() && !deadline.hasExpired();) {
+    for (QDeadlineTimer deadline(timeoutMs); !done() && !deadline.hasExpired();) {
         QEventLoop slice;
         QTimer::singleShot(5, &slice, &QEventLoop::quit);
         slice.exec();

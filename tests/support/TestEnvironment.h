@@ -14,7 +14,7 @@ QString sourcePath(const QString& relative);
 // A fresh empty directory below the test's private TMPDIR, removed when the process ends.
 QString makeTempDir();
 
-// Runs the Qt event loop in 5 ms slices until `done` holds or five seconds have passed; returns done().
-bool waitUntil(const std::function<bool()>& done);
+// Runs the Qt event loop in 5 ms slices until `done` holds or `timeoutMs` have passed; returns done().
+bool waitUntil(const std::function<bool()>& done, int timeoutMs = 5000);
 
 } // namespace nimbrel::test

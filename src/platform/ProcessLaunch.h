@@ -1,0 +1,19 @@
+#pragma once
+
+// Starting and stopping companion applications the way a desktop starts them: detached, without
+// focus, and asked to quit with SIGTERM.
+
+#include <QStringList>
+
+namespace nimbrel {
+
+// Starts the executable of the app bundle at `bundlePath` (its Info.plist's CFBundleExecutable) in the
+// background: its own session, standard streams on /dev/null, not a child of this process. False, with
+// a log-worthy reason in *error, when the bundle has no executable or it could not be started.
+bool launchApplication(const QString& bundlePath, const QStringList& arguments = {}, qint64* outPid = nullptr,
+                       QString* error = nullptr);
+
+// Sends SIGTERM to `pid` and returns at once. False when the signal could not be sent.
+bool requestQuit(qint64 pid);
+
+} // namespace nimbrel
