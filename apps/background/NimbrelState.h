@@ -1,0 +1,90 @@
+#pragma once
+
+// Everything the background application knows and keeps: the local calendars (vdir folders of .ics
+// files), what is published where and with which passwords, the subscriptions and their options, the
+// remote servers, the Google account settings, the Bonjour publisher name and port, and the sync
+// history. Persistent state lives in the SQLite database Nimbrel.nsql; the calendars themselves stay in
+// their folders. Each answer is a property-list value in the shape the control panel reads (calendar
+// dictionaries with "uid", "title", "order", "publishedToBonjour", …; sources with "source" true and
+// "calendars").
+//
+// Every change is written to disk before its notification is posted through the poster.
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariantList>
+#include <QVariantMap>
+#include <functional>
+#include <memory>
+
+namespace nimbrel::background {
+
+// $XDG_DATA_HOME/Nimbrel (default ~/.local/share/Nimbrel) and the things inside it.
+QString supportFolder();
+QString databasePath();    // supportFolder()/Nimbrel.nsql
+QString backupFolder();    // supportFolder()/Backup
+QString calendarsFolder(); // supportFolder()/Calendars
+
+// Empties the sync history of the database at `path` (what the reset tool does). False, with a
+// message in *error, when the database cannot be opened or written.
+bool clearSyncHistory(const QString& path, QString* error);
+
+class NimbrelState : public QObject
+{
+    Q_OBJECT
+public:
+    using Poster = std::function<void(const QString& notificationName)>;
+
+    // Nothing is opened until open().
+    NimbrelState(const QString& databasePath, const QString& calendarsFolder, const QString& backupFolder,
+                 Poster post, QObject* parent = nullptr);
+    ~NimbrelState() override;
+
+    // Opens or creates the database (schema versioned; a file that cannot be opened or is not ours
+    // is moved aside as "<path>.corrupt", logged, and a fresh database made), scans the calendar
+    // folders (creating "Home" and "Work" when there are none at all) and starts watching them.
+    // False, with lastError(), only when no usable database could be made.
+    bool open();
+    void close(); // stops watching, closes the database
+    bool isOpen() const;
+    QString lastError() const;
+
+    // ---- Answers ---------------------------------------------------------------------------
+    QVariantList calendarsPublishableViaBonjour() const;
+    QVariantList sourceListOfBonjourCalendars() const;
+    QVariantList calendarsPublishableToGoogle() const;
+    QVariantList sourceListOfGoogleCalendars() const;
+    QVariantMap bonjourPublisherInfo() const; // "bonjourName" (default: host name), "portNumber" when fixed
+    bool googleSyncInProgress() const;
+
+    // ---- Changes (each posts its notification after the change is on disk) ----------------
+    void publishCalendarViaBonjour(const QVariantMap& calendar); // "Nimbrel Bonjour Publishable Change"
+    void publishCalendarToGoogle(const QVariantMap& calendar);   // "Nimbrel Google Change"
+    void subscribeTo(const QVariantMap& calendar);               // "Nimbrel Bonjour Change"
+    void publishOptions(const QVariantMap& calendar);            // "Nimbrel Bonjour Publishable Change"
+    void subscribeOptions(const QVariantMap& calendar);          // "Nimbrel Bonjour Change"
+    void bonjourIPServiceOptions(const QVariantMap& server);     // "Nimbrel Bonjour Change"
+    void disconnectBonjourIPService(const QVariantMap& server);  // "Nimbrel Bonjour Change"
+    void googleServiceOptions(const QVariantMap& settings);      // "Nimbrel Google Change"
+    void disconnectGoogleService(const QVariantMap& settings);   // "Nimbrel Google Change"
+    void setBonjourPublisherInfo(const QVariantMap& info);       // "Nimbrel Bonjour Name Published"
+
+    // Backs every local calendar up as one .ics file in the backup folder, then empties the database
+    // to a fresh state; posts "Nimbrel Reset". False (and nothing emptied) when the backup failed.
+    bool resetDatabase();
+
+    // Around an external reset of the sync history: pause closes the database so that the reset tool
+    // may write it; resume reopens it and posts "Nimbrel Calendars Changed".
+    void pauseForSyncHistoryReset();
+    bool resumeAfterSyncHistoryReset();
+
+    // Lines for the support log: counts, settings without passwords, schema version, paths.
+    QStringList diagnostics() const;
+
+private:
+    struct Private;
+    std::unique_ptr<Private> d;
+};
+
+} // namespace nimbrel::background

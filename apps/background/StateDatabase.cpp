@@ -1,0 +1,382 @@
+#include "StateDatabase.h"
+
+#include "NimbrelState.h"
+#include "logging/Log.h"
+
+#include <QAtomicInteger>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QStringList>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace nimbrel::background {
+
+namespace {
+
+constexpr auto kOwnerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+
+const QStringList& ourTables()
+{
+    static const QStringList tables{QStringLiteral("calendars"), QStringLiteral("sources"),
+                                    QStringLiteral("subscriptions"), QStringLiteral("settings"),
+                                    QStringLiteral("sync_history")};
+    return tables;
+}
+
+// The current schema, made in one go for a new file.
+const QStringList& createStatements()
+{
+    static const QStringList statements{
+        QStringLiteral("CREATE TABLE calendars ("
+                       " uid TEXT PRIMARY KEY NOT NULL,"
+                       " sort_order INTEGER NOT NULL DEFAULT 0,"
+                       " published_bonjour INTEGER NOT NULL DEFAULT 0,"
+                       " published_google INTEGER NOT NULL DEFAULT 0,"
+                       " read_password TEXT NOT NULL DEFAULT '',"
+                       " write_password TEXT NOT NULL DEFAULT '',"
+                       " read_only INTEGER NOT NULL DEFAULT 0)"),
+        QStringLiteral("CREATE TABLE sources ("
+                       " uid TEXT PRIMARY KEY NOT NULL,"
+                       " kind TEXT NOT NULL CHECK (kind IN ('server', 'google')),"
+                       " settings BLOB NOT NULL)"),
+        QStringLiteral("CREATE TABLE subscriptions ("
+                       " uid TEXT PRIMARY KEY NOT NULL,"
+                       " source_uid TEXT NOT NULL REFERENCES sources(uid) ON DELETE CASCADE,"
+                       " subscribed INTEGER NOT NULL DEFAULT 0,"
+                       " record BLOB NOT NULL)"),
+        QStringLiteral("CREATE TABLE settings (key TEXT PRIMARY KEY NOT NULL, value)"),
+        QStringLiteral("CREATE TABLE sync_history ("
+                       " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+                       " calendar_uid TEXT NOT NULL DEFAULT '',"
+                       " time INTEGER NOT NULL,"
+                       " kind TEXT NOT NULL,"
+                       " detail TEXT NOT NULL DEFAULT '')"),
+        QStringLiteral("CREATE INDEX sync_history_calendar ON sync_history (calendar_uid, time)"),
+    };
+    return statements;
+}
+
+// Steps from version N to N+1, index 0 being 1 -> 2.
+const QList<QStringList>& migrationSteps()
+{
+    static const QList<QStringList> steps{
+        {QStringLiteral("ALTER TABLE sync_history ADD COLUMN detail TEXT NOT NULL DEFAULT ''"),
+         QStringLiteral("CREATE INDEX sync_history_calendar ON sync_history (calendar_uid, time)")},
+    };
+    return steps;
+}
+
+// Every text column is NOT NULL: an absent string (a null QString) is stored as an empty one.
+void bindAll(QSqlQuery& q, const QVariantList& bindings)
+{
+    for (const QVariant& value : bindings) {
+        if (value.typeId() == QMetaType::QString && value.toString().isNull())
+            q.addBindValue(QString::fromLatin1(""));
+        else
+            q.addBindValue(value);
+    }
+}
+
+QString sqlError(const QSqlError& error)
+{
+    return error.text().isEmpty() ? QStringLiteral("unknown SQLite error") : error.text();
+}
+
+// SQLite gives the -wal and -shm files the mode of the database file, so the file is made 0600
+// before SQLite first opens it.
+bool ensurePrivateFile(const QString& path, QString* error)
+{
+    const QByteArray native = QFile::encodeName(path);
+    const int fd = ::open(native.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *error = QStringLiteral("cannot create %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno)));
+        return false;
+    }
+    ::close(fd);
+    QFile::setPermissions(path, kOwnerOnly);
+    return true;
+}
+
+} // namespace
+
+QString uniqueConnectionName(const QString& prefix)
+{
+    static QAtomicInteger<quint64> counter;
+    return QStringLiteral("%1-%2-%3").arg(prefix).arg(::getpid()).arg(++counter);
+}
+
+QSqlDatabase openConnection(const QString& name, const QString& path, QString* error)
+{
+    QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+    db.setDatabaseName(path);
+    db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
+    if (!db.open()) {
+        *error = sqlError(db.lastError());
+        return db;
+    }
+    // WAL with synchronous FULL: a committed transaction survives a crash or a power cut.
+    QSqlQuery q(db);
+    if (!q.exec(QStringLiteral("PRAGMA journal_mode=WAL")) || !q.next() ||
+        q.value(0).toString().compare(QLatin1String("wal"), Qt::CaseInsensitive) != 0) {
+        *error = q.lastError().isValid() ? sqlError(q.lastError()) : QStringLiteral("WAL journal refused");
+        db.close();
+        return db;
+    }
+    for (const char* pragma : {"PRAGMA synchronous=FULL", "PRAGMA foreign_keys=ON"}) {
+        if (!q.exec(QLatin1String(pragma))) {
+            *error = sqlError(q.lastError());
+            db.close();
+            return db;
+        }
+    }
+    return db;
+}
+
+StateDatabase::StateDatabase() = default;
+
+StateDatabase::~StateDatabase()
+{
+    close();
+}
+
+QSqlDatabase StateDatabase::handle() const
+{
+    return QSqlDatabase::database(m_name, false);
+}
+
+void StateDatabase::dropConnection()
+{
+    if (m_name.isEmpty())
+        return;
+    {
+        QSqlDatabase db = QSqlDatabase::database(m_name, false);
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(m_name);
+    m_name.clear();
+}
+
+void StateDatabase::close()
+{
+    if (!m_name.isEmpty()) {
+        // Fold the WAL back into the file so that another program (the reset tool) sees one file.
+        exec(QStringLiteral("PRAGMA wal_checkpoint(TRUNCATE)"));
+    }
+    dropConnection();
+}
+
+bool StateDatabase::open(const QString& path)
+{
+    close();
+    m_path = path;
+    m_error.clear();
+    QString why;
+    Outcome outcome = tryOpen(&why);
+    if (outcome == Outcome::Unusable) {
+        if (!moveAside(why))
+            return false;
+        outcome = tryOpen(&why);
+    }
+    if (outcome != Outcome::Ready) {
+        dropConnection();
+        m_error = why;
+        Log(13, "StateDatabase: cannot open %@: %@", path, why);
+        return false;
+    }
+    return true;
+}
+
+StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
+{
+    const QFileInfo info(m_path);
+    if (!QDir().mkpath(info.absolutePath())) {
+        *why = QStringLiteral("cannot create the folder %1").arg(info.absolutePath());
+        return Outcome::Failed;
+    }
+    if (!ensurePrivateFile(m_path, why))
+        return info.exists() ? Outcome::Unusable : Outcome::Failed;
+
+    m_name = uniqueConnectionName(QStringLiteral("nimbrel-state"));
+    QString error;
+    if (!openConnection(m_name, m_path, &error).isOpen()) {
+        *why = error;
+        dropConnection();
+        return Outcome::Unusable;
+    }
+
+    const QVariant check = scalar(QStringLiteral("PRAGMA quick_check"));
+    if (check.toString() != QLatin1String("ok")) {
+        *why = check.isValid() ? QStringLiteral("integrity check failed: %1").arg(check.toString()) : m_error;
+        dropConnection();
+        return Outcome::Unusable;
+    }
+    const int version = scalar(QStringLiteral("PRAGMA user_version")).toInt();
+    QStringList tables;
+    {
+        QSqlQuery q(handle());
+        q.exec(QStringLiteral(
+            "SELECT name FROM sqlite_master WHERE type = 'table' AND name NOT LIKE 'sqlite_%'"));
+        while (q.next())
+            tables << q.value(0).toString();
+    }
+
+    auto fail = [&](const QString& reason) {
+        *why = reason;
+        dropConnection();
+        return Outcome::Unusable;
+    };
+    if (version > kSchemaVersion)
+        return fail(QStringLiteral("schema version %1 is newer than %2").arg(version).arg(kSchemaVersion));
+    if (version == 0 && !tables.isEmpty())
+        return fail(QStringLiteral("the file holds tables of another program"));
+    for (const QString& table : ourTables()) {
+        if (version > 0 && !tables.contains(table))
+            return fail(QStringLiteral("table %1 is missing").arg(table));
+    }
+
+    if (version < kSchemaVersion) {
+        const bool ok = [&] {
+            if (!begin())
+                return false;
+            const QList<QStringList> steps =
+                version == 0 ? QList<QStringList>{createStatements()} : migrationSteps().mid(version - 1);
+            for (const QStringList& step : steps) {
+                for (const QString& statement : step) {
+                    if (!exec(statement))
+                        return false;
+                }
+            }
+            return exec(QStringLiteral("PRAGMA user_version = %1").arg(kSchemaVersion)) && commit();
+        }();
+        if (!ok) {
+            rollback();
+            return fail(QStringLiteral("cannot update schema %1 to %2: %3")
+                            .arg(version)
+                            .arg(kSchemaVersion)
+                            .arg(m_error));
+        }
+        if (version > 0)
+            Log(13, "StateDatabase: migrated %@ from schema %d to %d", m_path, version, kSchemaVersion);
+    }
+    QFile::setPermissions(m_path, kOwnerOnly);
+    return Outcome::Ready;
+}
+
+bool StateDatabase::moveAside(const QString& why)
+{
+    dropConnection();
+    const QString aside = m_path + QStringLiteral(".corrupt");
+    QFile::remove(aside);
+    QFile::remove(aside + QStringLiteral("-wal"));
+    // The journal files belong to the bad file: they go with it or they would be replayed into the new one.
+    QFile::rename(m_path + QStringLiteral("-wal"), aside + QStringLiteral("-wal"));
+    QFile::remove(m_path + QStringLiteral("-shm"));
+    if (QFile::exists(m_path) && !QFile::rename(m_path, aside)) {
+        m_error = QStringLiteral("cannot move %1 aside").arg(m_path);
+        Log(13, "StateDatabase: %@ (%@)", m_error, why);
+        return false;
+    }
+    Log(13, "StateDatabase: moved unusable database %@ to %@ (%@); starting afresh", m_path, aside, why);
+    return true;
+}
+
+bool StateDatabase::exec(const QString& sql, const QVariantList& bindings)
+{
+    QSqlQuery q(handle());
+    if (!q.prepare(sql)) {
+        m_error = sqlError(q.lastError());
+        return false;
+    }
+    bindAll(q, bindings);
+    if (!q.exec()) {
+        m_error = sqlError(q.lastError());
+        return false;
+    }
+    return true;
+}
+
+QVariant StateDatabase::scalar(const QString& sql, const QVariantList& bindings)
+{
+    QSqlQuery q(handle());
+    if (!q.prepare(sql)) {
+        m_error = sqlError(q.lastError());
+        return {};
+    }
+    bindAll(q, bindings);
+    if (!q.exec()) {
+        m_error = sqlError(q.lastError());
+        return {};
+    }
+    return q.next() ? q.value(0) : QVariant();
+}
+
+bool StateDatabase::begin()
+{
+    if (handle().transaction())
+        return true;
+    m_error = sqlError(handle().lastError());
+    return false;
+}
+
+bool StateDatabase::commit()
+{
+    if (handle().commit())
+        return true;
+    m_error = sqlError(handle().lastError());
+    return false;
+}
+
+void StateDatabase::rollback()
+{
+    handle().rollback();
+}
+
+bool StateDatabase::wipe()
+{
+    if (!begin())
+        return false;
+    // Children before parents, for the foreign key.
+    for (const char* table : {"subscriptions", "sources", "calendars", "settings", "sync_history"}) {
+        if (!exec(QStringLiteral("DELETE FROM %1").arg(QLatin1String(table)))) {
+            rollback();
+            return false;
+        }
+    }
+    if (!commit()) {
+        rollback();
+        return false;
+    }
+    return true;
+}
+
+bool clearSyncHistory(const QString& path, QString* error)
+{
+    QString problem;
+    if (!QFileInfo::exists(path)) {
+        // No database yet: there is no history to clear, and the tool must not make an empty file.
+        return true;
+    }
+    const QString name = uniqueConnectionName(QStringLiteral("nimbrel-resetsync"));
+    {
+        QSqlDatabase db = openConnection(name, path, &problem);
+        if (db.isOpen()) {
+            QSqlQuery q(db);
+            if (!db.transaction() || !q.exec(QStringLiteral("DELETE FROM sync_history")) || !db.commit()) {
+                problem = sqlError(q.lastError().isValid() ? q.lastError() : db.lastError());
+                db.rollback();
+            }
+            q.finish();
+            db.close();
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+    if (!problem.isEmpty() && error)
+        *error = QStringLiteral("cannot clear the sync history of %1: %2").arg(path, problem);
+    return problem.isEmpty();
+}
+
+} // namespace nimbrel::background

@@ -1,0 +1,80 @@
+#pragma once
+
+// The SQLite file behind NimbrelState: opening (with recovery from a file that is not a usable
+// database of ours), the versioned schema and its migrations, and small query helpers.
+//
+// Schema (PRAGMA user_version = kSchemaVersion):
+//   calendars(uid PK, sort_order, published_bonjour, published_google, read_password, write_password,
+//             read_only)                      one row per local calendar folder
+//   sources(uid PK, kind 'server'|'google', settings BLOB)
+//                                             remote servers and the Google account; settings is the
+//                                             source's own dictionary as an XML property list
+//   subscriptions(uid PK, source_uid -> sources ON DELETE CASCADE, subscribed, record BLOB)
+//   settings(key PK, value)                   "bonjourName", "portNumber"
+//   sync_history(id PK, calendar_uid, time (ms since the epoch, UTC), kind, detail)
+// Version 1 had no sync_history.detail and no index on sync_history.
+
+#include <QSqlDatabase>
+#include <QString>
+#include <QVariant>
+#include <QVariantList>
+
+namespace nimbrel::background {
+
+inline constexpr int kSchemaVersion = 2;
+
+class StateDatabase
+{
+public:
+    StateDatabase();
+    ~StateDatabase();
+    StateDatabase(const StateDatabase&) = delete;
+    StateDatabase& operator=(const StateDatabase&) = delete;
+
+    // Opens `path`, creating it (mode 0600) or migrating it as needed. A file that SQLite cannot read,
+    // that fails its integrity check, that holds tables of someone else or a newer schema is moved
+    // aside to "<path>.corrupt" (logged) and a fresh database is made in its place.
+    bool open(const QString& path);
+    void close();
+    bool isOpen() const { return !m_name.isEmpty(); }
+
+    QString path() const { return m_path; }
+    QString lastError() const { return m_error; }
+    // The connection (only valid while open; do not keep it past close()).
+    QSqlDatabase handle() const;
+
+    // Runs one statement with positional bindings (a null QString binds as ''). False (and lastError())
+    // on failure.
+    bool exec(const QString& sql, const QVariantList& bindings = {});
+    // The first column of the first row, or an invalid QVariant.
+    QVariant scalar(const QString& sql, const QVariantList& bindings = {});
+
+    bool begin();
+    bool commit();
+    void rollback();
+
+    // Empties every table (a fresh state with the current schema).
+    bool wipe();
+
+private:
+    enum class Outcome
+    {
+        Ready,
+        Unusable, // not a database of ours: move aside and start again
+        Failed    // could not even try (folder, permissions): give up
+    };
+    Outcome tryOpen(QString* why);
+    bool moveAside(const QString& why);
+    void dropConnection();
+
+    QString m_path;
+    QString m_name; // connection name while open
+    QString m_error;
+};
+
+// Opens a connection named `name` on `path` with the settings every user of the file shares (WAL,
+// synchronous FULL, foreign keys, busy time-out). The caller removes the connection.
+QSqlDatabase openConnection(const QString& name, const QString& path, QString* error);
+QString uniqueConnectionName(const QString& prefix);
+
+} // namespace nimbrel::background

@@ -1,0 +1,322 @@
+// Update checks: reading the feed, comparing versions, planning the automatic check in virtual time,
+// and what a check leaves behind (SULastCheckTime, the confirmation) against local feed files.
+
+#include "BackgroundApp.h"
+#include "UpdateCheck.h"
+#include "platform/SettingsStore.h"
+#include "platform/VirtualRunLoop.h"
+#include "support/TestEnvironment.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QUrl>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+
+using namespace nimbrel;
+using namespace nimbrel::background;
+using nimbrel::test::makeTempDir;
+using nimbrel::test::waitUntil;
+
+namespace {
+
+QString s(const char* text)
+{
+    return QString::fromUtf8(text);
+}
+
+const QString kChecked = QStringLiteral("Nimbrel Bonjour Checked Update");
+
+// An appcast document; `items` go inside <channel>, with the prefix nv bound to the version namespace.
+QByteArray feed(const char* items)
+{
+    return QStringLiteral("<?xml version=\"1.0\"?>\n<rss version=\"2.0\" xmlns:nv=\"%1\"><channel>"
+                          "<title>Nimbrel</title>%2</channel></rss>")
+        .arg(kVersionNamespace, QString::fromUtf8(items))
+        .toUtf8();
+}
+
+QString writeFile(const QString& folder, const QByteArray& content)
+{
+    const QString path = folder + s("/appcast.xml");
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(content);
+    return path;
+}
+
+QByteArray offering(const QString& version)
+{
+    return feed(
+        QStringLiteral("<item><enclosure url=\"https://example.invalid/u.zip\" nv:shortVersionString=\"%1\"/>"
+                       "</item>")
+            .arg(version)
+            .toUtf8()
+            .constData());
+}
+
+QString currentVersion()
+{
+    return BackgroundApp::appVersion(test::paneBundlePath() + s("/Resources/Nimbrel.app"));
+}
+
+// ---- Pure parts ---------------------------------------------------------------------------------------
+
+TEST(UpdateFeedTest, NewestVersionOffered)
+{
+    struct Case
+    {
+        const char* name;
+        QByteArray xml;
+        std::optional<QString> newest;
+    };
+    const Case cases[] = {
+        {"newest is not the first item",
+         feed("<item><enclosure nv:version=\"1.2\"/></item><item><enclosure nv:version=\"1.10\"/></item>"
+              "<item><enclosure nv:version=\"1.9\"/></item>"),
+         s("1.10")},
+        {"short version preferred over the build number",
+         feed("<item><enclosure nv:version=\"345\" nv:shortVersionString=\"2.0\"/></item>"), s("2.0")},
+        {"version elements of the item",
+         feed("<item><nv:version>12</nv:version><nv:shortVersionString>3.1</nv:shortVersionString>"
+              "<enclosure url=\"x\"/></item>"),
+         s("3.1")},
+        {"attributes outside the namespace do not count",
+         feed("<item><enclosure version=\"9.9\"/></item><item><enclosure nv:version=\"1.0\"/></item>"),
+         s("1.0")},
+        {"a version outside any item does not count",
+         feed("<nv:version>8.0</nv:version><item><enclosure nv:version=\"1.0\"/></item>"), s("1.0")},
+        {"no versioned item", feed("<item><title>news</title></item>"), s("")},
+        {"malformed", QByteArray("<rss><channel><item></channel></rss>"), std::nullopt},
+        {"not RSS", QByteArray("<feed><entry/></feed>"), std::nullopt},
+        {"empty", QByteArray(), std::nullopt},
+    };
+    for (const Case& c : cases) {
+        QString error;
+        const std::optional<QString> newest = newestFeedVersion(c.xml, &error);
+        EXPECT_EQ(newest, c.newest) << c.name;
+        EXPECT_EQ(error.isEmpty(), newest.has_value()) << c.name;
+    }
+}
+
+TEST(UpdateFeedTest, VersionOrder)
+{
+    struct Case
+    {
+        const char* a;
+        const char* b;
+        int sign;
+    };
+    const Case cases[] = {
+        {"1.10", "1.9", 1},  {"1.0", "1.0.0", 0},    {"1.2.1", "1.2", 1}, {"0.9", "1.0", -1},
+        {"2.0", "2.0b1", 1}, {"2.0b1", "2.0b2", -1}, {"v1.2", "1.2", 0},  {" 3.0 ", "3.0", 0},
+    };
+    for (const Case& c : cases) {
+        const int result = compareVersions(s(c.a), s(c.b));
+        EXPECT_EQ((result > 0) - (result < 0), c.sign) << c.a << " vs " << c.b;
+        const int reverse = compareVersions(s(c.b), s(c.a));
+        EXPECT_EQ((reverse > 0) - (reverse < 0), -c.sign) << c.b << " vs " << c.a;
+    }
+}
+
+TEST(UpdateScheduleTest, SecondsUntilNextCheck)
+{
+    const QDateTime now(QDate(2024, 5, 1), QTime(12, 0), Qt::UTC);
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    struct Case
+    {
+        const char* name;
+        double interval;
+        std::optional<QDateTime> last;
+        bool failed;
+        std::optional<double> expected;
+    };
+    const Case cases[] = {
+        {"off at exactly 1e9", 1e9, now.addSecs(-10), false, std::nullopt},
+        {"off above", 5e9, std::nullopt, false, std::nullopt},
+        {"unreadable interval is off", nan, std::nullopt, false, std::nullopt},
+        {"never checked: at once", 86400, std::nullopt, false, 0},
+        {"checked an hour ago", 86400, now.addSecs(-3600), false, 82800},
+        {"shorter interval", 7200, now.addSecs(-3600), false, 3600},
+        {"overdue: at once", 86400, now.addDays(-3), false, 0},
+        {"overdue after a failure: retry later", 86400, now.addDays(-3), true, kRetryAfterFailure},
+        {"not yet due after a failure", 86400, now.addSecs(-3600), true, 82800},
+        {"tiny interval is raised", 1, now, false, kMinimumCheckInterval},
+        {"last check in the future waits one interval", 86400, now.addDays(10), false, 86400},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(secondsUntilNextCheck(c.interval, c.last, now, c.failed), c.expected) << c.name;
+}
+
+TEST(UpdateScheduleTest, IntervalAndFeedSources)
+{
+    const QString path = makeTempDir() + s("/domain.plist");
+    SettingsStore shared(path);
+    const QVariantMap defaults{{s("checkForUpdateInterval"), 7200},
+                               {s("SUFeedURL"), s("https://example.invalid/a.xml")}};
+
+    EXPECT_EQ(updateCheckInterval(shared, {}), kDefaultCheckInterval);
+    EXPECT_EQ(updateCheckInterval(shared, defaults), 7200);
+    shared.setValue(s("checkForUpdateInterval"), s("often")); // not a number: ignored
+    EXPECT_EQ(updateCheckInterval(shared, defaults), 7200);
+    shared.setValue(s("checkForUpdateInterval"), 1e9);
+    EXPECT_EQ(updateCheckInterval(shared, defaults), 1e9);
+
+    qunsetenv("NIMBREL_UPDATE_FEED");
+    EXPECT_EQ(updateFeedUrl(defaults), QUrl(s("https://example.invalid/a.xml")));
+    EXPECT_TRUE(updateFeedUrl({}).isEmpty());
+    qputenv("NIMBREL_UPDATE_FEED", "/tmp/feed.xml");
+    EXPECT_EQ(updateFeedUrl(defaults), QUrl::fromLocalFile(s("/tmp/feed.xml")));
+    qunsetenv("NIMBREL_UPDATE_FEED");
+}
+
+// ---- Checks against local feeds -----------------------------------------------------------------------
+
+class UpdateCheckTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_folder = makeTempDir();
+        m_shared = std::make_unique<SettingsStore>(m_folder + s("/domain.plist"));
+        m_clockStart = QDateTime(QDate(2024, 5, 1), QTime(12, 0), Qt::UTC);
+    }
+
+    std::unique_ptr<UpdateScheduler> scheduler(const QUrl& feedUrl)
+    {
+        auto made = std::make_unique<UpdateScheduler>(
+            feedUrl, currentVersion(), *m_shared, QVariantMap{},
+            [this](const QString& name) { m_posted << name; },
+            [this] { return m_clockStart.addMSecs(qint64(m_loop.now() * 1000)); });
+        QObject::connect(made.get(), &UpdateScheduler::checked,
+                         [this](const UpdateCheckResult& result) { m_results << result; });
+        return made;
+    }
+
+    QString m_folder;
+    VirtualRunLoop m_loop;
+    ScopedRunLoop m_scope{m_loop};
+    std::unique_ptr<SettingsStore> m_shared;
+    QDateTime m_clockStart;
+    QStringList m_posted;
+    QList<UpdateCheckResult> m_results;
+};
+
+TEST_F(UpdateCheckTest, OutcomeOfOneCheck)
+{
+    struct Case
+    {
+        const char* name;
+        std::optional<QByteArray> content; // nullopt: the feed file does not exist
+        bool requested;
+        bool read;
+        bool newer;
+        bool posted;
+    };
+    const Case cases[] = {
+        {"newer offered", offering(s("999.0")), true, true, true, true},
+        {"same version offered", offering(currentVersion()), true, true, false, true},
+        {"older offered", offering(s("0.0.1")), false, true, false, true},
+        {"unreachable, requested", std::nullopt, true, false, false, true},
+        {"unreachable, scheduled", std::nullopt, false, false, false, false},
+        {"not a feed, requested", QByteArray("<html>moved</html>"), true, false, false, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        m_shared->remove(s("SULastCheckTime"));
+        m_posted.clear();
+        m_results.clear();
+        const QString path = c.content ? writeFile(m_folder, *c.content) : m_folder + s("/missing.xml");
+        auto updates = scheduler(QUrl::fromLocalFile(path));
+        updates->checkNow(c.requested);
+        ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
+        EXPECT_EQ(m_results.value(0).feedRead, c.read);
+        EXPECT_EQ(m_results.value(0).newerAvailable, c.newer);
+        EXPECT_EQ(m_posted, c.posted ? QStringList{kChecked} : QStringList{});
+        const std::optional<QDateTime> recorded =
+            SettingsStore(m_shared->path()).dateValue(s("SULastCheckTime"));
+        EXPECT_EQ(recorded, c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
+    }
+}
+
+TEST_F(UpdateCheckTest, ARequestJoinsTheRunningCheck)
+{
+    auto updates = scheduler(QUrl::fromLocalFile(writeFile(m_folder, offering(s("0.1")))));
+    updates->checkNow(false);
+    updates->checkNow(true);
+    ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(m_results.size(), 1);
+    EXPECT_EQ(m_posted, QStringList{kChecked});
+}
+
+TEST_F(UpdateCheckTest, AutomaticChecksFollowTheSettingsInVirtualTime)
+{
+    const QString feedPath = writeFile(m_folder, offering(s("0.1")));
+    m_shared->setValue(s("checkForUpdateInterval"), 7200.0);
+    m_shared->setValue(s("SULastCheckTime"), m_clockStart.addSecs(-3600));
+    auto updates = scheduler(QUrl::fromLocalFile(feedPath));
+
+    updates->reschedule();
+    EXPECT_EQ(m_loop.nextDueTime(), 3600);
+    m_loop.advance(3599);
+    EXPECT_FALSE(updates->isChecking());
+    m_loop.advance(1);
+    ASSERT_TRUE(updates->isChecking());
+    ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
+    EXPECT_EQ(m_shared->dateValue(s("SULastCheckTime")), m_clockStart.addSecs(3600));
+    EXPECT_EQ(m_posted, QStringList{kChecked}); // the date changed: the panel re-reads it
+    EXPECT_EQ(m_loop.nextDueTime(), 3600 + 7200);
+    EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 1);
+
+    // The panel turns checking off, then on with a day: each change replaces the plan.
+    SettingsStore(m_shared->path()).setValue(s("checkForUpdateInterval"), 1e9);
+    updates->reschedule();
+    EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 0);
+    SettingsStore(m_shared->path()).setValue(s("checkForUpdateInterval"), 86400.0);
+    updates->reschedule();
+    EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 1);
+    EXPECT_EQ(m_loop.nextDueTime(), 3600 + 86400);
+
+    // A failing automatic check retries an hour later instead of at once, silently.
+    QFile::remove(feedPath);
+    m_posted.clear();
+    m_loop.advance(86400);
+    ASSERT_TRUE(waitUntil([&] { return m_results.size() == 2; }));
+    EXPECT_FALSE(m_results.value(1).feedRead);
+    EXPECT_TRUE(m_posted.isEmpty());
+    EXPECT_EQ(m_loop.nextDueTime(), m_loop.now() + kRetryAfterFailure);
+
+    updates->stop();
+    EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 0);
+}
+
+// ---- The stand-alone check ("-sparkle") ---------------------------------------------------------------
+
+TEST(StandaloneUpdateCheckTest, RecordsTheTimeOnlyWhenTheFeedWasRead)
+{
+    for (const bool reachable : {true, false}) {
+        SCOPED_TRACE(reachable ? "reachable" : "unreachable");
+        const QString folder = makeTempDir();
+        BackgroundOptions options;
+        options.appBundlePath = test::paneBundlePath() + s("/Resources/Nimbrel.app");
+        options.settingsPath = folder + s("/domain.plist");
+        options.keepLog = false;
+        const QString feedPath =
+            reachable ? writeFile(folder, offering(s("999.0"))) : folder + s("/none.xml");
+        qputenv("NIMBREL_UPDATE_FEED", QUrl::fromLocalFile(feedPath).toString().toUtf8());
+        const QDateTime before = QDateTime::currentDateTimeUtc().addSecs(-1);
+
+        EXPECT_EQ(BackgroundApp::runUpdateCheck(options), BackgroundApp::ExitOk);
+        qunsetenv("NIMBREL_UPDATE_FEED");
+        const std::optional<QDateTime> recorded =
+            SettingsStore(options.settingsPath).dateValue(s("SULastCheckTime"));
+        EXPECT_EQ(recorded.has_value(), reachable);
+        if (recorded) {
+            EXPECT_GE(*recorded, before);
+        }
+    }
+}
+
+} // namespace
