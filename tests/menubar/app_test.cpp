@@ -1,0 +1,181 @@
+// The tray companion's shell on the private bus: where it finds the pane and the control panel, the
+// link driving the controller, one instance per session, and quitting on termination signals.
+
+#include "MenuBarApp.h"
+#include "MenuBarMenu.h"
+#include "QuitOnSignal.h"
+#include "SingleInstance.h"
+#include "link/NimbrelCom.h"
+#include "link/NotificationBus.h"
+#include "platform/Bundle.h"
+#include "platform/VirtualRunLoop.h"
+#include "support/TestEnvironment.h"
+
+#include <QDir>
+#include <QEventLoop>
+#include <QFile>
+#include <QTimer>
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace nimbrel {
+namespace {
+
+using State = BackgroundAppState;
+
+bool writeFile(const QString& path, const QByteArray& contents, bool executable = false)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size())
+        return false;
+    file.close();
+    return !executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+}
+
+TEST(MenuBarPaths, PaneAndControlPanelAreFoundFromTheExecutable)
+{
+    const QString prefix = test::makeTempDir();
+    const QString pane = prefix + QStringLiteral("/lib/nimbrel/Nimbrel.prefPane");
+    const QString menuApp = pane + QStringLiteral("/Resources/NimbrelMenu.app");
+    ASSERT_TRUE(writeFile(menuApp + QStringLiteral("/NimbrelMenu"), "", true));
+
+    // Not a pane until it has its Info.plist.
+    EXPECT_EQ(paneBundlePathForExecutable(menuApp + QStringLiteral("/NimbrelMenu")),
+              Bundle::defaultPaneBundlePath());
+    ASSERT_TRUE(writeFile(pane + QStringLiteral("/Info.plist"), "<plist/>"));
+    EXPECT_EQ(paneBundlePathForExecutable(menuApp + QStringLiteral("/NimbrelMenu")), pane);
+    // An executable outside an app bundle among a pane's resources falls back.
+    EXPECT_EQ(paneBundlePathForExecutable(pane + QStringLiteral("/Resources/NimbrelMenu")),
+              Bundle::defaultPaneBundlePath());
+    EXPECT_EQ(paneBundlePathForExecutable(prefix + QStringLiteral("/bin/NimbrelMenu")),
+              Bundle::defaultPaneBundlePath());
+
+    EXPECT_EQ(preferencesProgramPath(pane), prefix + QStringLiteral("/bin/nimbrel-preferences"));
+}
+
+// A tray companion on the private bus with the build's pane bundle, virtual time and a process table
+// the test decides.
+struct AppHarness
+{
+    VirtualRunLoop loop;
+    ScopedRunLoop scope{loop};
+    bool backgroundRunning = false;
+    QStringList launched;
+    MenuBarApp app;
+    QList<State> states;
+
+    explicit AppHarness(const QString& pane = test::paneBundlePath()) : app(pane)
+    {
+        app.link().setProcessLookup([this](const QString& identifier) -> qint64 {
+            return identifier == app.link().backgroundAppIdentifier() && backgroundRunning ? 4242 : 0;
+        });
+        app.link().setApplicationLauncher([this](const QString& path) {
+            launched.append(path);
+            return true;
+        });
+        app.link().setHandshakeTimeout(500);
+        QObject::connect(&app.controller(), &MenuBarController::changed,
+                         [this] { states.append(app.controller().state()); });
+    }
+};
+
+TEST(MenuBarApp, TheLinkDrivesTheStateAndStartStop)
+{
+    AppHarness h;
+    h.app.start();
+    EXPECT_EQ(h.states, QList<State>{State::Stopped});
+
+    // With nobody serving the protocol, the link's handshake after "Nimbrel Running" fails at once.
+    h.backgroundRunning = true;
+    ASSERT_TRUE(NotificationBus::post(QStringLiteral("Nimbrel Running")));
+    ASSERT_TRUE(test::waitUntil([&] { return h.states.size() >= 3; }));
+    EXPECT_EQ(h.states, (QList<State>{State::Stopped, State::Running, State::NotResponding}));
+    EXPECT_TRUE(h.app.controller().backgroundAppRunning());
+
+    h.backgroundRunning = false;
+    ASSERT_TRUE(NotificationBus::post(QStringLiteral("Nimbrel Stopped")));
+    ASSERT_TRUE(test::waitUntil([&] { return h.app.controller().state() == State::Stopped; }));
+
+    // Start from the menu reaches the link, which launches the app bundle and waits for an answer.
+    h.states.clear();
+    h.app.menu().startStopAction()->trigger();
+    EXPECT_EQ(h.launched, QStringList{h.app.link().backgroundAppPath()});
+    EXPECT_FALSE(h.launched.first().isEmpty());
+    EXPECT_EQ(h.states, QList<State>{State::Starting});
+    h.loop.advance(kBackgroundAppStateChangeDelay);
+    EXPECT_EQ(h.states, (QList<State>{State::Starting, State::NotResponding}));
+}
+
+TEST(MenuBarApp, OpensTheControlPanelBesideThePane)
+{
+    const QString prefix = test::makeTempDir();
+    const QString pane = prefix + QStringLiteral("/lib/nimbrel/Nimbrel.prefPane");
+    ASSERT_TRUE(QDir().mkpath(pane));
+    AppHarness h(pane);
+    QAction* open = h.app.menu().preferencesAction();
+    emit h.app.menu().aboutToShow();
+    EXPECT_FALSE(open->isEnabled());
+
+    const QString marker = prefix + QStringLiteral("/opened");
+    ASSERT_TRUE(
+        writeFile(h.app.preferencesProgram(), "#!/bin/sh\necho started > '" + marker.toUtf8() + "'\n", true));
+    emit h.app.menu().aboutToShow();
+    ASSERT_TRUE(open->isEnabled());
+    open->trigger();
+    EXPECT_TRUE(test::waitUntil([&] { return QFileInfo::exists(marker); }));
+}
+
+TEST(SingleInstance, TheSecondClaimIsRefusedUntilTheFirstOwnerLeaves)
+{
+    const QString name = kMenuBarServiceName;
+    QDBusConnection second =
+        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("second"));
+    ASSERT_TRUE(second.isConnected());
+    QString error;
+    {
+        // The process that came first; the connection closes when its last handle goes.
+        QDBusConnection first =
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("first"));
+        ASSERT_TRUE(first.isConnected());
+        EXPECT_TRUE(claimBusName(first, name, &error)) << error.toStdString();
+        EXPECT_FALSE(claimBusName(second, name, &error));
+        EXPECT_TRUE(error.contains(QStringLiteral("already"))) << error.toStdString();
+    }
+    QDBusConnection::disconnectFromBus(QStringLiteral("first"));
+    error.clear();
+    EXPECT_TRUE(test::waitUntil([&] { return claimBusName(second, name, &error); })) << error.toStdString();
+    second = QDBusConnection(QString());
+    QDBusConnection::disconnectFromBus(QStringLiteral("second"));
+
+    error.clear();
+    EXPECT_FALSE(claimBusName(QDBusConnection(QStringLiteral("never-connected")), name, &error));
+    EXPECT_FALSE(error.isEmpty());
+}
+
+TEST(QuitOnSignal, TerminationSignalsReachTheEventLoop)
+{
+    struct sigaction before = {};
+    ASSERT_EQ(sigaction(SIGTERM, nullptr, &before), 0);
+    {
+        QuitOnSignal handler({SIGTERM, SIGINT});
+        ASSERT_TRUE(handler.isValid());
+        QuitOnSignal another({SIGTERM});
+        EXPECT_FALSE(another.isValid());
+
+        for (const int signal : {SIGTERM, SIGINT}) {
+            QEventLoop loop;
+            QObject::connect(&handler, &QuitOnSignal::signalReceived, &loop,
+                             [&](int received) { loop.exit(received); });
+            QTimer::singleShot(0, [signal] { raise(signal); });
+            QTimer::singleShot(5000, &loop, [&] { loop.exit(-1); }); // guard only; the signal ends it first
+            EXPECT_EQ(loop.exec(), signal);
+        }
+    }
+    struct sigaction after = {};
+    ASSERT_EQ(sigaction(SIGTERM, nullptr, &after), 0);
+    EXPECT_EQ(after.sa_handler, before.sa_handler) << "the previous handler is restored";
+}
+
+} // namespace
+} // namespace nimbrel
