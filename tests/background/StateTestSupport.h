@@ -6,33 +6,60 @@
 
 #include "NimbrelState.h"
 #include "StateDatabase.h"
+#include "logging/Log.h"
 #include "platform/PlistCodec.h"
 #include "support/TestEnvironment.h"
 
 #include <QDir>
 #include <QFile>
 #include <QSqlQuery>
-#include <QSqlRecord>
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <memory>
+#include <type_traits>
 #include <unistd.h>
 
 namespace nimbrel::background::test {
 
 using nimbrel::test::makeTempDir;
 
-// Runs `sql` on its own connection and returns the first column of every row.
-inline QVariantList peek(const QString& path, const QString& sql)
+inline QString s(const char* text)
+{
+    return QString::fromUtf8(text);
+}
+
+// m("key", value, "key", value, ...): a dictionary, C strings taken as text.
+inline void put(QVariantMap&) {}
+template <class V, class... Rest>
+void put(QVariantMap& map, const char* key, const V& value, const Rest&... rest)
+{
+    if constexpr (std::is_convertible_v<V, const char*>)
+        map.insert(s(key), s(value));
+    else
+        map.insert(s(key), QVariant(value));
+    put(map, rest...);
+}
+template <class... Args> QVariantMap m(const Args&... args)
+{
+    QVariantMap map;
+    put(map, args...);
+    return map;
+}
+
+// Runs `statement` on a connection of its own and returns the first column of every row.
+inline QVariantList sql(const QString& path, const char* statement, const QVariantList& bindings = {})
 {
     QVariantList values;
-    const QString name = uniqueConnectionName(QStringLiteral("peek"));
+    const QString name = uniqueConnectionName(s("peek"));
     {
         QString error;
         QSqlDatabase db = openConnection(name, path, &error);
         EXPECT_TRUE(db.isOpen()) << error.toStdString();
         QSqlQuery q(db);
-        EXPECT_TRUE(q.exec(sql)) << sql.toStdString();
+        EXPECT_TRUE(q.prepare(s(statement))) << statement;
+        for (const QVariant& value : bindings)
+            q.addBindValue(value);
+        EXPECT_TRUE(q.exec()) << statement;
         while (q.next())
             values << q.value(0);
     }
@@ -40,29 +67,9 @@ inline QVariantList peek(const QString& path, const QString& sql)
     return values;
 }
 
-inline QVariant peekOne(const QString& path, const QString& sql)
+inline QVariant sql1(const QString& path, const char* statement)
 {
-    return peek(path, sql).value(0);
-}
-
-inline void poke(const QString& path, const QString& sql, const QVariantList& bindings = {})
-{
-    const QString name = uniqueConnectionName(QStringLiteral("poke"));
-    {
-        QString error;
-        QSqlDatabase db = openConnection(name, path, &error);
-        QSqlQuery q(db);
-        ASSERT_TRUE(q.prepare(sql)) << sql.toStdString();
-        for (const QVariant& value : bindings)
-            q.addBindValue(value);
-        ASSERT_TRUE(q.exec()) << sql.toStdString();
-    }
-    QSqlDatabase::removeDatabase(name);
-}
-
-inline QByteArray plistBlob(const QVariantMap& map)
-{
-    return plist::write(map).value_or(QByteArray());
+    return sql(path, statement).value(0);
 }
 
 inline void writeFile(const QString& path, const QByteArray& data)
@@ -80,31 +87,51 @@ inline QByteArray readFile(const QString& path)
 }
 
 // A vdir calendar: <root>/<uid>/displayname, color and the given .ics files.
-inline void makeCalendar(const QString& root, const QString& uid, const QString& title,
-                         const QMap<QString, QByteArray>& items = {}, const QString& color = {})
+inline void makeCalendar(const QString& root, const char* uid, const char* title,
+                         const QMap<QString, QByteArray>& items = {}, const char* color = "")
 {
-    const QString folder = root + QLatin1Char('/') + uid;
-    writeFile(folder + QStringLiteral("/displayname"), title.toUtf8() + '\n');
-    if (!color.isEmpty())
-        writeFile(folder + QStringLiteral("/color"), color.toUtf8());
+    const QString folder = root + QLatin1Char('/') + s(uid);
+    writeFile(folder + s("/displayname"), QByteArray(title) + '\n');
+    if (*color)
+        writeFile(folder + s("/color"), color);
     for (auto it = items.cbegin(); it != items.cend(); ++it)
         writeFile(folder + QLatin1Char('/') + it.key(), it.value());
 }
 
-// Standard error goes to a file for as long as this lives.
+// One key of every row.
+inline QStringList column(const QVariantList& rows, const char* key)
+{
+    QStringList values;
+    for (const QVariant& row : rows)
+        values << row.toMap().value(s(key)).toString();
+    return values;
+}
+
+// Every answer the panel can ask for.
+inline QVariantList answers(const NimbrelState& state)
+{
+    return {state.calendarsPublishableViaBonjour(), state.sourceListOfBonjourCalendars(),
+            state.calendarsPublishableToGoogle(), state.sourceListOfGoogleCalendars(),
+            state.bonjourPublisherInfo()};
+}
+
+// Standard error goes to a file for as long as this lives, at the given log level.
 class StderrCapture
 {
 public:
-    StderrCapture() : m_path(makeTempDir() + QStringLiteral("/stderr.txt"))
+    explicit StderrCapture(long level = nimbrel::gLogLevel)
+        : m_path(makeTempDir() + s("/stderr.txt")), m_level(nimbrel::gLogLevel)
     {
         std::fflush(stderr);
         m_saved = dup(2);
         std::FILE* file = std::fopen(QFile::encodeName(m_path).constData(), "w");
         dup2(fileno(file), 2);
         std::fclose(file);
+        nimbrel::gLogLevel = level;
     }
     ~StderrCapture()
     {
+        nimbrel::gLogLevel = m_level;
         std::fflush(stderr);
         dup2(m_saved, 2);
         ::close(m_saved);
@@ -117,6 +144,7 @@ public:
 
 private:
     QString m_path;
+    long m_level;
     int m_saved = -1;
 };
 
@@ -125,23 +153,20 @@ class StateFixture : public ::testing::Test
 {
 protected:
     QString root = makeTempDir();
-    QString dbPath = root + QStringLiteral("/Nimbrel.nsql");
-    QString calendarsRoot = root + QStringLiteral("/Calendars");
-    QString backupRoot = root + QStringLiteral("/Backup");
+    QString dbPath = root + s("/Nimbrel.nsql");
+    QString calendarsRoot = root + s("/Calendars");
+    QString backupRoot = root + s("/Backup");
     QStringList posts;
     std::function<void(const QString&)> onPost;
 
-    std::unique_ptr<NimbrelState> makeState()
-    {
-        return std::make_unique<NimbrelState>(dbPath, calendarsRoot, backupRoot, [this](const QString& name) {
-            posts << name;
-            if (onPost)
-                onPost(name);
-        });
-    }
     std::unique_ptr<NimbrelState> openState()
     {
-        auto state = makeState();
+        auto state =
+            std::make_unique<NimbrelState>(dbPath, calendarsRoot, backupRoot, [this](const QString& name) {
+                posts << name;
+                if (onPost)
+                    onPost(name);
+            });
         EXPECT_TRUE(state->open()) << state->lastError().toStdString();
         return state;
     }

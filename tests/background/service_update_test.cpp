@@ -10,7 +10,6 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QUrl>
-#include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -26,18 +25,32 @@ QString s(const char* text)
     return QString::fromUtf8(text);
 }
 
-const QString kChecked = QStringLiteral("Nimbrel Bonjour Checked Update");
+const QString kChecked = s("Nimbrel Bonjour Checked Update");
 
 // An appcast document; `items` go inside <channel>, with the prefix nv bound to the version namespace.
-QByteArray feed(const char* items)
+QByteArray feed(const QString& items)
 {
     return QStringLiteral("<?xml version=\"1.0\"?>\n<rss version=\"2.0\" xmlns:nv=\"%1\"><channel>"
                           "<title>Nimbrel</title>%2</channel></rss>")
-        .arg(kVersionNamespace, QString::fromUtf8(items))
+        .arg(kVersionNamespace, items)
         .toUtf8();
 }
 
-QString writeFile(const QString& folder, const QByteArray& content)
+QByteArray feed(const char* items)
+{
+    return feed(s(items));
+}
+
+QByteArray offering(const QString& version)
+{
+    return feed(
+        QStringLiteral("<item><enclosure url=\"https://example.invalid/u.zip\" nv:shortVersionString=\"%1\"/>"
+                       "</item>")
+            .arg(version));
+}
+
+// Writes <folder>/appcast.xml and returns its path.
+QString writeFeed(const QString& folder, const QByteArray& content)
 {
     const QString path = folder + s("/appcast.xml");
     QFile file(path);
@@ -46,32 +59,16 @@ QString writeFile(const QString& folder, const QByteArray& content)
     return path;
 }
 
-QByteArray offering(const QString& version)
-{
-    return feed(
-        QStringLiteral("<item><enclosure url=\"https://example.invalid/u.zip\" nv:shortVersionString=\"%1\"/>"
-                       "</item>")
-            .arg(version)
-            .toUtf8()
-            .constData());
-}
-
-QString currentVersion()
-{
-    return BackgroundApp::appVersion(test::paneBundlePath() + s("/Resources/Nimbrel.app"));
-}
-
-// ---- Pure parts ---------------------------------------------------------------------------------------
+const QString kAppBundle = test::paneBundlePath() + s("/Resources/Nimbrel.app");
 
 TEST(UpdateFeedTest, NewestVersionOffered)
 {
-    struct Case
+    const struct
     {
         const char* name;
         QByteArray xml;
         std::optional<QString> newest;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"newest is not the first item",
          feed("<item><enclosure nv:version=\"1.2\"/></item><item><enclosure nv:version=\"1.10\"/></item>"
               "<item><enclosure nv:version=\"1.9\"/></item>"),
@@ -92,7 +89,7 @@ TEST(UpdateFeedTest, NewestVersionOffered)
         {"not RSS", QByteArray("<feed><entry/></feed>"), std::nullopt},
         {"empty", QByteArray(), std::nullopt},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         QString error;
         const std::optional<QString> newest = newestFeedVersion(c.xml, &error);
         EXPECT_EQ(newest, c.newest) << c.name;
@@ -102,21 +99,14 @@ TEST(UpdateFeedTest, NewestVersionOffered)
 
 TEST(UpdateFeedTest, VersionOrder)
 {
-    struct Case
-    {
-        const char* a;
-        const char* b;
-        int sign;
-    };
-    const Case cases[] = {
+    const auto sign = [](int x) { return (x > 0) - (x < 0); };
+    const std::tuple<const char*, const char*, int> cases[] = {
         {"1.10", "1.9", 1},  {"1.0", "1.0.0", 0},    {"1.2.1", "1.2", 1}, {"0.9", "1.0", -1},
         {"2.0", "2.0b1", 1}, {"2.0b1", "2.0b2", -1}, {"v1.2", "1.2", 0},  {" 3.0 ", "3.0", 0},
     };
-    for (const Case& c : cases) {
-        const int result = compareVersions(s(c.a), s(c.b));
-        EXPECT_EQ((result > 0) - (result < 0), c.sign) << c.a << " vs " << c.b;
-        const int reverse = compareVersions(s(c.b), s(c.a));
-        EXPECT_EQ((reverse > 0) - (reverse < 0), -c.sign) << c.b << " vs " << c.a;
+    for (const auto& [a, b, expected] : cases) {
+        EXPECT_EQ(sign(compareVersions(s(a), s(b))), expected) << a << " vs " << b;
+        EXPECT_EQ(sign(compareVersions(s(b), s(a))), -expected) << b << " vs " << a;
     }
 }
 
@@ -124,15 +114,14 @@ TEST(UpdateScheduleTest, SecondsUntilNextCheck)
 {
     const QDateTime now(QDate(2024, 5, 1), QTime(12, 0), Qt::UTC);
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct Case
+    const struct
     {
         const char* name;
         double interval;
         std::optional<QDateTime> last;
         bool failed;
         std::optional<double> expected;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"off at exactly 1e9", 1e9, now.addSecs(-10), false, std::nullopt},
         {"off above", 5e9, std::nullopt, false, std::nullopt},
         {"unreadable interval is off", nan, std::nullopt, false, std::nullopt},
@@ -145,17 +134,15 @@ TEST(UpdateScheduleTest, SecondsUntilNextCheck)
         {"tiny interval is raised", 1, now, false, kMinimumCheckInterval},
         {"last check in the future waits one interval", 86400, now.addDays(10), false, 86400},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
         EXPECT_EQ(secondsUntilNextCheck(c.interval, c.last, now, c.failed), c.expected) << c.name;
 }
 
 TEST(UpdateScheduleTest, IntervalAndFeedSources)
 {
-    const QString path = makeTempDir() + s("/domain.plist");
-    SettingsStore shared(path);
+    SettingsStore shared(makeTempDir() + s("/domain.plist"));
     const QVariantMap defaults{{s("checkForUpdateInterval"), 7200},
                                {s("SUFeedURL"), s("https://example.invalid/a.xml")}};
-
     EXPECT_EQ(updateCheckInterval(shared, {}), kDefaultCheckInterval);
     EXPECT_EQ(updateCheckInterval(shared, defaults), 7200);
     shared.setValue(s("checkForUpdateInterval"), s("often")); // not a number: ignored
@@ -171,22 +158,13 @@ TEST(UpdateScheduleTest, IntervalAndFeedSources)
     qunsetenv("NIMBREL_UPDATE_FEED");
 }
 
-// ---- Checks against local feeds -----------------------------------------------------------------------
-
 class UpdateCheckTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        m_folder = makeTempDir();
-        m_shared = std::make_unique<SettingsStore>(m_folder + s("/domain.plist"));
-        m_clockStart = QDateTime(QDate(2024, 5, 1), QTime(12, 0), Qt::UTC);
-    }
-
-    std::unique_ptr<UpdateScheduler> scheduler(const QUrl& feedUrl)
+    std::unique_ptr<UpdateScheduler> scheduler(const QString& feedPath)
     {
         auto made = std::make_unique<UpdateScheduler>(
-            feedUrl, currentVersion(), *m_shared, QVariantMap{},
+            QUrl::fromLocalFile(feedPath), BackgroundApp::appVersion(kAppBundle), m_shared, QVariantMap{},
             [this](const QString& name) { m_posted << name; },
             [this] { return m_clockStart.addMSecs(qint64(m_loop.now() * 1000)); });
         QObject::connect(made.get(), &UpdateScheduler::checked,
@@ -194,55 +172,49 @@ protected:
         return made;
     }
 
-    QString m_folder;
+    QString m_folder = makeTempDir();
     VirtualRunLoop m_loop;
     ScopedRunLoop m_scope{m_loop};
-    std::unique_ptr<SettingsStore> m_shared;
-    QDateTime m_clockStart;
+    SettingsStore m_shared{m_folder + s("/domain.plist")};
+    QDateTime m_clockStart{QDate(2024, 5, 1), QTime(12, 0), Qt::UTC};
     QStringList m_posted;
     QList<UpdateCheckResult> m_results;
 };
 
 TEST_F(UpdateCheckTest, OutcomeOfOneCheck)
 {
-    struct Case
+    const struct
     {
         const char* name;
         std::optional<QByteArray> content; // nullopt: the feed file does not exist
-        bool requested;
-        bool read;
-        bool newer;
-        bool posted;
-    };
-    const Case cases[] = {
+        bool requested, read, newer, posted;
+    } cases[] = {
         {"newer offered", offering(s("999.0")), true, true, true, true},
-        {"same version offered", offering(currentVersion()), true, true, false, true},
+        {"same version offered", offering(BackgroundApp::appVersion(kAppBundle)), true, true, false, true},
         {"older offered", offering(s("0.0.1")), false, true, false, true},
         {"unreachable, requested", std::nullopt, true, false, false, true},
         {"unreachable, scheduled", std::nullopt, false, false, false, false},
         {"not a feed, requested", QByteArray("<html>moved</html>"), true, false, false, true},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        m_shared->remove(s("SULastCheckTime"));
+        m_shared.remove(s("SULastCheckTime"));
         m_posted.clear();
         m_results.clear();
-        const QString path = c.content ? writeFile(m_folder, *c.content) : m_folder + s("/missing.xml");
-        auto updates = scheduler(QUrl::fromLocalFile(path));
+        auto updates = scheduler(c.content ? writeFeed(m_folder, *c.content) : m_folder + s("/missing.xml"));
         updates->checkNow(c.requested);
         ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
         EXPECT_EQ(m_results.value(0).feedRead, c.read);
         EXPECT_EQ(m_results.value(0).newerAvailable, c.newer);
         EXPECT_EQ(m_posted, c.posted ? QStringList{kChecked} : QStringList{});
-        const std::optional<QDateTime> recorded =
-            SettingsStore(m_shared->path()).dateValue(s("SULastCheckTime"));
-        EXPECT_EQ(recorded, c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
+        EXPECT_EQ(SettingsStore(m_shared.path()).dateValue(s("SULastCheckTime")),
+                  c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
     }
-}
 
-TEST_F(UpdateCheckTest, ARequestJoinsTheRunningCheck)
-{
-    auto updates = scheduler(QUrl::fromLocalFile(writeFile(m_folder, offering(s("0.1")))));
+    // A request while a check runs joins it.
+    m_posted.clear();
+    m_results.clear();
+    auto updates = scheduler(writeFeed(m_folder, offering(s("0.1"))));
     updates->checkNow(false);
     updates->checkNow(true);
     ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
@@ -253,10 +225,10 @@ TEST_F(UpdateCheckTest, ARequestJoinsTheRunningCheck)
 
 TEST_F(UpdateCheckTest, AutomaticChecksFollowTheSettingsInVirtualTime)
 {
-    const QString feedPath = writeFile(m_folder, offering(s("0.1")));
-    m_shared->setValue(s("checkForUpdateInterval"), 7200.0);
-    m_shared->setValue(s("SULastCheckTime"), m_clockStart.addSecs(-3600));
-    auto updates = scheduler(QUrl::fromLocalFile(feedPath));
+    const QString feedPath = writeFeed(m_folder, offering(s("0.1")));
+    m_shared.setValue(s("checkForUpdateInterval"), 7200.0);
+    m_shared.setValue(s("SULastCheckTime"), m_clockStart.addSecs(-3600));
+    auto updates = scheduler(feedPath);
 
     updates->reschedule();
     EXPECT_EQ(m_loop.nextDueTime(), 3600);
@@ -265,16 +237,16 @@ TEST_F(UpdateCheckTest, AutomaticChecksFollowTheSettingsInVirtualTime)
     m_loop.advance(1);
     ASSERT_TRUE(updates->isChecking());
     ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
-    EXPECT_EQ(m_shared->dateValue(s("SULastCheckTime")), m_clockStart.addSecs(3600));
+    EXPECT_EQ(m_shared.dateValue(s("SULastCheckTime")), m_clockStart.addSecs(3600));
     EXPECT_EQ(m_posted, QStringList{kChecked}); // the date changed: the panel re-reads it
     EXPECT_EQ(m_loop.nextDueTime(), 3600 + 7200);
     EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 1);
 
     // The panel turns checking off, then on with a day: each change replaces the plan.
-    SettingsStore(m_shared->path()).setValue(s("checkForUpdateInterval"), 1e9);
+    SettingsStore(m_shared.path()).setValue(s("checkForUpdateInterval"), 1e9);
     updates->reschedule();
     EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 0);
-    SettingsStore(m_shared->path()).setValue(s("checkForUpdateInterval"), 86400.0);
+    SettingsStore(m_shared.path()).setValue(s("checkForUpdateInterval"), 86400.0);
     updates->reschedule();
     EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 1);
     EXPECT_EQ(m_loop.nextDueTime(), 3600 + 86400);
@@ -292,30 +264,26 @@ TEST_F(UpdateCheckTest, AutomaticChecksFollowTheSettingsInVirtualTime)
     EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 0);
 }
 
-// ---- The stand-alone check ("-sparkle") ---------------------------------------------------------------
-
+// The stand-alone check ("-sparkle") records the time only when the feed was read.
 TEST(StandaloneUpdateCheckTest, RecordsTheTimeOnlyWhenTheFeedWasRead)
 {
     for (const bool reachable : {true, false}) {
         SCOPED_TRACE(reachable ? "reachable" : "unreachable");
         const QString folder = makeTempDir();
         BackgroundOptions options;
-        options.appBundlePath = test::paneBundlePath() + s("/Resources/Nimbrel.app");
+        options.appBundlePath = kAppBundle;
         options.settingsPath = folder + s("/domain.plist");
         options.keepLog = false;
         const QString feedPath =
-            reachable ? writeFile(folder, offering(s("999.0"))) : folder + s("/none.xml");
+            reachable ? writeFeed(folder, offering(s("999.0"))) : folder + s("/none.xml");
         qputenv("NIMBREL_UPDATE_FEED", QUrl::fromLocalFile(feedPath).toString().toUtf8());
         const QDateTime before = QDateTime::currentDateTimeUtc().addSecs(-1);
-
         EXPECT_EQ(BackgroundApp::runUpdateCheck(options), BackgroundApp::ExitOk);
         qunsetenv("NIMBREL_UPDATE_FEED");
         const std::optional<QDateTime> recorded =
             SettingsStore(options.settingsPath).dateValue(s("SULastCheckTime"));
         EXPECT_EQ(recorded.has_value(), reachable);
-        if (recorded) {
-            EXPECT_GE(*recorded, before);
-        }
+        EXPECT_GE(recorded.value_or(before), before);
     }
 }
 

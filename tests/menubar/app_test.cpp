@@ -33,27 +33,6 @@ bool writeFile(const QString& path, const QByteArray& contents, bool executable 
     return !executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
 }
 
-TEST(MenuBarPaths, PaneAndControlPanelAreFoundFromTheExecutable)
-{
-    const QString prefix = test::makeTempDir();
-    const QString pane = prefix + QStringLiteral("/lib/nimbrel/Nimbrel.prefPane");
-    const QString menuApp = pane + QStringLiteral("/Resources/NimbrelMenu.app");
-    ASSERT_TRUE(writeFile(menuApp + QStringLiteral("/NimbrelMenu"), "", true));
-
-    // Not a pane until it has its Info.plist.
-    EXPECT_EQ(paneBundlePathForExecutable(menuApp + QStringLiteral("/NimbrelMenu")),
-              Bundle::defaultPaneBundlePath());
-    ASSERT_TRUE(writeFile(pane + QStringLiteral("/Info.plist"), "<plist/>"));
-    EXPECT_EQ(paneBundlePathForExecutable(menuApp + QStringLiteral("/NimbrelMenu")), pane);
-    // An executable outside an app bundle among a pane's resources falls back.
-    EXPECT_EQ(paneBundlePathForExecutable(pane + QStringLiteral("/Resources/NimbrelMenu")),
-              Bundle::defaultPaneBundlePath());
-    EXPECT_EQ(paneBundlePathForExecutable(prefix + QStringLiteral("/bin/NimbrelMenu")),
-              Bundle::defaultPaneBundlePath());
-
-    EXPECT_EQ(preferencesProgramPath(pane), prefix + QStringLiteral("/bin/nimbrel-preferences"));
-}
-
 // A tray companion on the private bus with the build's pane bundle, virtual time and a process table
 // the test decides.
 struct AppHarness
@@ -107,16 +86,26 @@ TEST(MenuBarApp, TheLinkDrivesTheStateAndStartStop)
     EXPECT_EQ(h.states, (QList<State>{State::Starting, State::NotResponding}));
 }
 
-TEST(MenuBarApp, OpensTheControlPanelBesideThePane)
+// The pane and the control panel are found from the executable; the menu offers the panel once it is there.
+TEST(MenuBarApp, FindsThePaneAndOpensTheControlPanelBesideIt)
 {
     const QString prefix = test::makeTempDir();
     const QString pane = prefix + QStringLiteral("/lib/nimbrel/Nimbrel.prefPane");
-    ASSERT_TRUE(QDir().mkpath(pane));
+    const QString menu = pane + QStringLiteral("/Resources/NimbrelMenu.app/NimbrelMenu");
+    ASSERT_TRUE(writeFile(menu, "", true));
+    // Not a pane until it has its Info.plist; an executable outside an app bundle falls back.
+    EXPECT_EQ(paneBundlePathForExecutable(menu), Bundle::defaultPaneBundlePath());
+    ASSERT_TRUE(writeFile(pane + QStringLiteral("/Info.plist"), "<plist/>"));
+    EXPECT_EQ(paneBundlePathForExecutable(menu), pane);
+    for (const char* outside : {"/lib/nimbrel/Nimbrel.prefPane/Resources/NimbrelMenu", "/bin/NimbrelMenu"})
+        EXPECT_EQ(paneBundlePathForExecutable(prefix + QLatin1String(outside)),
+                  Bundle::defaultPaneBundlePath());
+    EXPECT_EQ(preferencesProgramPath(pane), prefix + QStringLiteral("/bin/nimbrel-preferences"));
+
     AppHarness h(pane);
     QAction* open = h.app.menu().preferencesAction();
     emit h.app.menu().aboutToShow();
     EXPECT_FALSE(open->isEnabled());
-
     const QString marker = prefix + QStringLiteral("/opened");
     ASSERT_TRUE(
         writeFile(h.app.preferencesProgram(), "#!/bin/sh\necho started > '" + marker.toUtf8() + "'\n", true));

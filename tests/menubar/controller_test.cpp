@@ -59,8 +59,16 @@ struct Expected
     bool enabled;
 };
 
-void expectShows(const MenuBarController& controller, const Expected& expected)
+// What the controller shows, and the menu when there is one.
+void expectShows(const MenuBarController& controller, const Expected& expected,
+                 const MenuBarMenu* menu = nullptr)
 {
+    if (menu) {
+        EXPECT_EQ(menu->statusAction()->text(), s(expected.status));
+        EXPECT_FALSE(menu->statusAction()->isEnabled());
+        EXPECT_EQ(menu->startStopAction()->text(), s(expected.action));
+        EXPECT_EQ(menu->startStopAction()->isEnabled(), expected.enabled);
+    }
     EXPECT_EQ(controller.state(), expected.state);
     EXPECT_EQ(controller.statusText(), s(expected.status));
     EXPECT_EQ(controller.startStopText(), s(expected.action));
@@ -149,20 +157,14 @@ TEST(MenuBarMenu, FollowsTheControllerAndTriggersItsCommands)
     EXPECT_EQ(menu.preferencesAction()->text(), s("Open Nimbrel Preferences…"));
     EXPECT_EQ(menu.quitAction()->text(), s("Quit"));
 
-    const auto expectMenu = [&](const Expected& expected) {
-        EXPECT_EQ(menu.statusAction()->text(), s(expected.status));
-        EXPECT_FALSE(menu.statusAction()->isEnabled());
-        EXPECT_EQ(menu.startStopAction()->text(), s(expected.action));
-        EXPECT_EQ(menu.startStopAction()->isEnabled(), expected.enabled);
-    };
-    expectMenu(kChecking);
+    expectShows(h.controller, kChecking, &menu);
     h.controller.nimbrelBackgroundAppStateChange(true, true);
-    expectMenu(kRunning);
+    expectShows(h.controller, kRunning, &menu);
     menu.startStopAction()->trigger();
     EXPECT_EQ(h.requests, QList<bool>{false});
-    expectMenu(kStopping);
+    expectShows(h.controller, kStopping, &menu);
     h.controller.nimbrelBackgroundAppStateChange(true, false);
-    expectMenu(kHung);
+    expectShows(h.controller, kHung, &menu);
 
     // The control panel may be installed while the tray runs: the menu looks again when it opens.
     EXPECT_FALSE(menu.preferencesAction()->isEnabled());
@@ -183,21 +185,17 @@ TEST(MenuBarMenu, FollowsTheControllerAndTriggersItsCommands)
 
 TEST(MenuBarIcons, EveryStateHasAnIconAndTheStatesLookDifferent)
 {
-    const State distinct[] = {State::Running, State::Stopped, State::NotResponding, State::Starting};
     QList<QImage> images;
-    for (const State state : distinct) {
+    QStringList names; // for desktops whose theme has them
+    for (const State state : {State::Running, State::Stopped, State::NotResponding, State::Starting}) {
         EXPECT_FALSE(menuBarIcon(state).isNull());
         const QImage image = drawnMenuBarIcon(state).pixmap(22, 22).toImage();
-        ASSERT_FALSE(image.isNull());
-        EXPECT_FALSE(images.contains(image)) << "state " << int(state) << " looks like another";
+        EXPECT_FALSE(image.isNull() || images.contains(image))
+            << "state " << int(state) << " looks like another";
+        EXPECT_FALSE(names.contains(MenuBarController::iconName(state)));
         images.append(image);
-    }
-    // Distinct theme names as well, for desktops whose theme has them.
-    QStringList names;
-    for (const State state : distinct)
         names.append(MenuBarController::iconName(state));
-    names.removeDuplicates();
-    EXPECT_EQ(names.size(), 4);
+    }
 }
 
 } // namespace
