@@ -203,6 +203,24 @@ TEST_F(CompanionControlTest, MenuBarAppStartsAndQuitsWithoutWaiting)
     EXPECT_TRUE(delegate.take().isEmpty());
 }
 
+TEST_F(CompanionControlTest, LoginItemsMatchByPlainURLWithoutResolvingLinks)
+{
+    const QString link = test::makeTempDir() + s("/linked.prefPane");
+    ASSERT_TRUE(QFile::link(com.bundle().bundlePath(), link));
+    NimbrelCom viaLink(&delegate, Bundle(link), &loop);
+    viaLink.setStartsAtLogin(true, viaLink.backgroundAppPath());
+    EXPECT_TRUE(viaLink.launchBackgroundAppAtStartup());
+    EXPECT_FALSE(com.launchBackgroundAppAtStartup()); // the same bundle, reached by another path
+
+    // Adding through the real path rewrites the entry (one per bundle identifier), which now names it.
+    com.setStartsAtLogin(true, com.backgroundAppPath());
+    std::unique_ptr<QVariantList> items;
+    ASSERT_EQ(LIAECopyLoginItems(&items), noErr);
+    EXPECT_EQ(items->size(), 1);
+    EXPECT_TRUE(com.launchBackgroundAppAtStartup());
+    EXPECT_FALSE(viaLink.launchBackgroundAppAtStartup());
+}
+
 TEST_F(CompanionControlTest, UpdateCheckIsConfirmedOrTimesOut)
 {
     activate(true);
