@@ -23,10 +23,7 @@ namespace nimbrel::background::test {
 
 using nimbrel::test::makeTempDir;
 
-inline QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 // m("key", value, "key", value, ...): a dictionary, C strings taken as text.
 inline void put(QVariantMap&) {}

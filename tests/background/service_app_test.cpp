@@ -33,10 +33,7 @@ using nimbrel::test::waitUntil;
 
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 QString readFile(const QString& path)
 {

@@ -20,10 +20,7 @@ using nimbrel::test::waitUntil;
 
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 const QString kChecked = s("Nimbrel Bonjour Checked Update");
 

@@ -14,17 +14,13 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
-#include <gtest/gtest.h>
-
 #include <csignal>
+#include <gtest/gtest.h>
 
 namespace nimbrel {
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 // The background application of this test: a process running the build tree's executable with this
 // test's HOME. Other tests (and a Nimbrel the developer runs) are left alone.
@@ -58,7 +54,8 @@ protected:
         feed = test::makeTempDir() + s("/appcast.xml");
         QFile file(feed);
         file.open(QIODevice::WriteOnly);
-        file.write("<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>Nimbrel</title></channel></rss>");
+        file.write(
+            "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>Nimbrel</title></channel></rss>");
         file.close();
         qputenv("NIMBREL_UPDATE_FEED", QUrl::fromLocalFile(feed).toString().toUtf8());
 

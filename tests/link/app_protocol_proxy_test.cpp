@@ -21,10 +21,7 @@ using Proxy = nimbrel::AppProtocolProxy;
 
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 const QString kNoOwner = s("org.freedesktop.DBus.Error.NameHasNoOwner");
 const QString kBusy = s("com.quorvia.Nimbrel.Error.Busy");

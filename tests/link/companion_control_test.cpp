@@ -19,10 +19,7 @@
 namespace nimbrel {
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 void writeFile(const QString& path, const QByteArray& bytes, bool executable = false)
 {
@@ -93,7 +90,10 @@ protected:
         return delegate.take();
     }
 
-    bool loginItem(const QString& app) { return com.startsAtLogin(com.bundle().pathForResource(app, s("app"))); }
+    bool loginItem(const QString& app)
+    {
+        return com.startsAtLogin(com.bundle().pathForResource(app, s("app")));
+    }
 
     VirtualRunLoop loop;
     test::MockDelegate delegate;

@@ -19,10 +19,7 @@ namespace {
 
 using test::MockDelegate;
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 const QStringList kRefresh = MockDelegate::kRefresh;
 const QStringList kBoth{s("Published"), s("Subscribed")};

@@ -6,6 +6,7 @@
 #include "link/WireCodec.h"
 #include "platform/PlistValue.h"
 #include "support/PlistCompare.h"
+#include "support/TestEnvironment.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -22,10 +23,7 @@ using nimbrel::test::identical;
 
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 // Every property-list type, nested in both kinds of container.
 QVariantMap everyType()

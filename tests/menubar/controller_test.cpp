@@ -4,6 +4,7 @@
 #include "MenuBarController.h"
 #include "MenuBarIcons.h"
 #include "MenuBarMenu.h"
+#include "support/TestEnvironment.h"
 
 #include <QImage>
 #include <gtest/gtest.h>
@@ -13,10 +14,7 @@ namespace {
 
 using State = BackgroundAppState;
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 // A controller whose commands record what they were asked; `answer`, when set, plays the link and
 // replies from inside setBackgroundAppRunning, as the link does when the state is already as wanted.

@@ -2,6 +2,7 @@
 // the last-sync text with its day names.
 
 #include "model/NimbrelCalendar.h"
+#include "support/TestEnvironment.h"
 
 #include <QLocale>
 #include <ctime>
@@ -16,10 +17,7 @@ static void PrintTo(const QString& text, std::ostream* os)
 namespace nimbrel {
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 // An ISO date and time: local without a zone, UTC with a Z.
 QDateTime at(const char* iso)

@@ -3,6 +3,7 @@
 
 #include "model/CalendarLink.h"
 #include "model/NimbrelCalendar.h"
+#include "support/TestEnvironment.h"
 
 #include <gtest/gtest.h>
 #include <optional>
@@ -16,10 +17,7 @@ static void PrintTo(const QString& text, std::ostream* os)
 namespace nimbrel {
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 // A record from "key=value" words: true and false are booleans, whole numbers ints, anything else
 // (without its quotes) a string.

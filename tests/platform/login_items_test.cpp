@@ -14,10 +14,7 @@ using namespace nimbrel;
 
 namespace {
 
-QString s(const char* text)
-{
-    return QString::fromUtf8(text);
-}
+using nimbrel::test::s;
 
 QString writeFile(const QString& path, const QByteArray& bytes, bool executable = false)
 {

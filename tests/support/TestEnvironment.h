@@ -5,6 +5,12 @@
 
 namespace nimbrel::test {
 
+// A QString from a UTF-8 literal: tests build many strings, and QT_NO_CAST_FROM_ASCII is on.
+inline QString s(const char* text)
+{
+    return QString::fromUtf8(text);
+}
+
 // Path of the pane bundle built into the build tree.
 QString paneBundlePath();
 
