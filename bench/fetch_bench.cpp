@@ -130,7 +130,7 @@ void BM_FetchUnwrapAndWrap10000(benchmark::State& state)
 {
     const nimbrel::AppProtocolProxy proxy;
     for (auto _ : state) {
-        const QVariantList dictionaries = proxy.calendarsPublishableViaBonjour();
+        const QVariantList dictionaries = proxy.calendarsPublishableViaBonjour().value_or(QVariantList());
         nimbrel::CalendarList rows;
         rows.reserve(dictionaries.size());
         for (const QVariant& dictionary : dictionaries)
@@ -147,7 +147,7 @@ void BM_FetchAndUnwrap10000(benchmark::State& state)
 {
     const nimbrel::AppProtocolProxy proxy;
     for (auto _ : state) {
-        const QVariantList dictionaries = proxy.calendarsPublishableViaBonjour();
+        const QVariantList dictionaries = proxy.calendarsPublishableViaBonjour().value_or(QVariantList());
         if (dictionaries.size() != kCalendars)
             state.SkipWithError("the peer did not answer with every calendar");
         benchmark::DoNotOptimize(dictionaries);
@@ -191,7 +191,8 @@ BENCHMARK(BM_UnwrapOnly10000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_WrapOnly10000(benchmark::State& state)
 {
-    const QVariantList dictionaries = nimbrel::AppProtocolProxy().calendarsPublishableViaBonjour();
+    const QVariantList dictionaries =
+        nimbrel::AppProtocolProxy().calendarsPublishableViaBonjour().value_or(QVariantList());
     for (auto _ : state) {
         nimbrel::CalendarList rows;
         rows.reserve(dictionaries.size());

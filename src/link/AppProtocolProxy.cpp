@@ -93,35 +93,35 @@ std::optional<qint32> AppProtocolProxy::version(QDBusError* error) const
     return answer->toInt();
 }
 
-QVariantList AppProtocolProxy::listCall(const QString& method) const
+std::optional<QVariantList> AppProtocolProxy::listCall(const QString& method) const
 {
     const std::optional<QVariant> answer = call(method);
     if (!answer)
-        return {};
+        return std::nullopt;
     if (answer->typeId() != QMetaType::QVariantList) {
         qCWarning(lcProxy).noquote() << method + QStringLiteral(": answered a") << answer->typeName()
                                      << QStringLiteral("instead of a list");
-        return {};
+        return std::nullopt;
     }
     return answer->toList();
 }
 
-QVariantList AppProtocolProxy::calendarsPublishableViaBonjour() const
+std::optional<QVariantList> AppProtocolProxy::calendarsPublishableViaBonjour() const
 {
     return listCall(QStringLiteral("calendarsPublishableViaBonjour"));
 }
 
-QVariantList AppProtocolProxy::sourceListOfBonjourCalendars() const
+std::optional<QVariantList> AppProtocolProxy::sourceListOfBonjourCalendars() const
 {
     return listCall(QStringLiteral("sourceListOfBonjourCalendars"));
 }
 
-QVariantList AppProtocolProxy::calendarsPublishableToGoogle() const
+std::optional<QVariantList> AppProtocolProxy::calendarsPublishableToGoogle() const
 {
     return listCall(QStringLiteral("calendarsPublishableToGoogle"));
 }
 
-QVariantList AppProtocolProxy::sourceListOfGoogleCalendars() const
+std::optional<QVariantList> AppProtocolProxy::sourceListOfGoogleCalendars() const
 {
     return listCall(QStringLiteral("sourceListOfGoogleCalendars"));
 }

@@ -35,12 +35,13 @@ public:
     std::optional<QVariant> call(const QString& method, const QVariantList& arguments = {},
                                  QDBusError* error = nullptr) const;
 
-    // Synchronous operations. After a failure (logged) they yield null, an empty list, false or 0.
+    // Synchronous operations. After a failure (logged) they yield nullopt, false or 0: a list that
+    // could not be fetched is not the same as an empty one.
     std::optional<qint32> version(QDBusError* error = nullptr) const;
-    QVariantList calendarsPublishableViaBonjour() const;
-    QVariantList sourceListOfBonjourCalendars() const;
-    QVariantList calendarsPublishableToGoogle() const;
-    QVariantList sourceListOfGoogleCalendars() const;
+    std::optional<QVariantList> calendarsPublishableViaBonjour() const;
+    std::optional<QVariantList> sourceListOfBonjourCalendars() const;
+    std::optional<QVariantList> calendarsPublishableToGoogle() const;
+    std::optional<QVariantList> sourceListOfGoogleCalendars() const;
     QVariantMap bonjourPublisherInfo(bool* ok = nullptr) const;
     bool googleSyncInProgress() const;
     void techSupportInfo() const;
@@ -65,7 +66,7 @@ public:
     void shutdown() const;
 
 private:
-    QVariantList listCall(const QString& method) const;
+    std::optional<QVariantList> listCall(const QString& method) const;
 
     QDBusConnection m_connection;
     int m_timeout = -1;

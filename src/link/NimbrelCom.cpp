@@ -191,15 +191,15 @@ void NimbrelCom::disconnect()
 
 // ---- Bonjour publisher settings ----------------------------------------------------------------
 
-QVariantMap* NimbrelCom::bonjourInfo()
+std::optional<QVariantMap> NimbrelCom::bonjourInfo()
 {
     if (!m_proxy_bonjourInfo && m_proxy) {
         bool ok = false;
         QVariantMap info = m_proxy->bonjourPublisherInfo(&ok);
         if (ok)
-            m_proxy_bonjourInfo = std::make_shared<QVariantMap>(std::move(info));
+            m_proxy_bonjourInfo = std::move(info);
     }
-    return m_proxy_bonjourInfo.get();
+    return m_proxy_bonjourInfo;
 }
 
 void NimbrelCom::setBonjourInfo(const QVariantMap& info)
@@ -224,17 +224,12 @@ void NimbrelCom::bonjourNamePublished()
 {
     cancelPerform("bonjourInfoChangeTimeout");
 
-    // Refill the existing cache object in place so that whoever holds it sees the new values.
-    std::shared_ptr<QVariantMap> old = std::move(m_proxy_bonjourInfo);
+    // Fetch afresh. A cache that existed stays present: a failed fetch leaves it empty, not absent.
+    const bool hadCache = m_proxy_bonjourInfo.has_value();
     m_proxy_bonjourInfo.reset();
     bonjourInfo();
-    if (old) {
-        if (m_proxy_bonjourInfo)
-            *old = *m_proxy_bonjourInfo;
-        else
-            old->clear();
-        m_proxy_bonjourInfo = std::move(old);
-    }
+    if (hadCache && !m_proxy_bonjourInfo)
+        m_proxy_bonjourInfo = QVariantMap();
 
     m_delegate->nimbrelBonjourNamePublished();
 }

@@ -14,6 +14,7 @@
 #include <QVariantMap>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace nimbrel {
 
@@ -63,8 +64,9 @@ public:
     // The handshake's reply time-out; tests shorten it to keep the suite fast.
     void setHandshakeTimeout(int milliseconds) { m_handshakeTimeoutMs = milliseconds; }
 
-    // Bonjour publisher settings: the cache keeps its identity while it exists (null = fetch on use).
-    QVariantMap* bonjourInfo();
+    // Bonjour publisher settings, as last fetched: nullopt when not connected or never fetched
+    // successfully. A copy, so that no caller keeps a reference into a cache a disconnect drops.
+    std::optional<QVariantMap> bonjourInfo();
     void setBonjourInfo(const QVariantMap& info);
     void bonjourInfoChangeTimeout();
     void bonjourNamePublished();
@@ -152,10 +154,16 @@ private:
     const void* selfTarget() const { return static_cast<const QObject*>(this); }
     void performAfterDelay(const char* selector, double seconds, void (NimbrelCom::*method)());
     void cancelPerform(const char* selector);
-    std::shared_ptr<CalendarList> fetchList(std::shared_ptr<CalendarList>& field,
-                                            QVariantList (AppProtocolProxy::*request)() const, bool byTitle);
-    void recalculate(std::shared_ptr<CalendarList>& field, QVariantList (AppProtocolProxy::*request)() const,
-                     bool byTitle);
+    using ListRequest = std::optional<QVariantList> (AppProtocolProxy::*)() const;
+    // The delegate's notices are aimed at the delegate object itself (its most derived address), so
+    // that the pane's "cancel everything aimed at me" reaches them whatever its base classes.
+    const void* delegateTarget() const;
+    // A fresh list from the proxy, wrapped and sorted; nullopt when the fetch failed (no proxy counts
+    // as an empty answer).
+    std::optional<CalendarList> fetchFresh(ListRequest request, bool byTitle);
+    std::shared_ptr<CalendarList> fetchList(std::shared_ptr<CalendarList>& field, ListRequest request,
+                                            bool byTitle);
+    void recalculate(std::shared_ptr<CalendarList>& field, ListRequest request, bool byTitle);
 
     // Fields in the order the link declares them.
     Bundle m_bundle;
@@ -164,7 +172,7 @@ private:
     std::unique_ptr<AppProtocolProxy> m_proxy;
     std::shared_ptr<CalendarList> m_proxy_published_calendars;
     std::shared_ptr<CalendarList> m_proxy_subscribed_calendars;
-    std::shared_ptr<QVariantMap> m_proxy_bonjourInfo;
+    std::optional<QVariantMap> m_proxy_bonjourInfo;
     std::shared_ptr<CalendarList> m_proxy_google_published_calendars;
     std::shared_ptr<CalendarList> m_proxy_google_subscribed_calendars;
     bool m_backgroundAppRunning = false;

@@ -22,20 +22,30 @@ void sortList(CalendarList& list, bool byTitle)
 
 // ---- Getters -----------------------------------------------------------------------------------
 
-std::shared_ptr<CalendarList> NimbrelCom::fetchList(std::shared_ptr<CalendarList>& field,
-                                                    QVariantList (AppProtocolProxy::*request)() const,
+std::optional<CalendarList> NimbrelCom::fetchFresh(ListRequest request, bool byTitle)
+{
+    std::optional<QVariantList> answer;
+    if (m_proxy)
+        answer = (m_proxy.get()->*request)();
+    else
+        answer.emplace(); // no connection: an empty answer, cached like any other
+    if (!answer)
+        return std::nullopt;
+    CalendarList list;
+    list.reserve(answer->size());
+    for (const QVariant& dictionary : std::as_const(*answer))
+        list.append(NimbrelCalendar::create(dictionary.toMap(), this));
+    sortList(list, byTitle);
+    return list;
+}
+
+std::shared_ptr<CalendarList> NimbrelCom::fetchList(std::shared_ptr<CalendarList>& field, ListRequest request,
                                                     bool byTitle)
 {
-    if (!field) {
-        // Without a proxy the empty answer is cached like any other until the next recalculation.
-        const QVariantList answer = m_proxy ? (m_proxy.get()->*request)() : QVariantList();
-        auto list = std::make_shared<CalendarList>();
-        list->reserve(answer.size());
-        for (const QVariant& dictionary : answer)
-            list->append(NimbrelCalendar::create(dictionary.toMap(), this));
-        sortList(*list, byTitle);
-        field = std::move(list);
-    }
+    // A first fetch that fails caches an empty list: asking again on every read would block the pane
+    // on a background application that does not answer. The next recalculation tries again.
+    if (!field)
+        field = std::make_shared<CalendarList>(fetchFresh(request, byTitle).value_or(CalendarList()));
     return field;
 }
 
@@ -90,14 +100,18 @@ CalendarRef NimbrelCom::sourceOfCalendarWithDict(const QVariantMap& dictionary)
 
 // ---- Requests from rows ------------------------------------------------------------------------
 
+const void* NimbrelCom::delegateTarget() const
+{
+    return dynamic_cast<const void*>(m_delegate);
+}
+
 void NimbrelCom::publishViaBonjour(const QVariantMap& calendar, bool informDelegateIfPublished)
 {
     // The notice waits for the next pass of the loop, so the table finishes handling the click first;
-    // it is aimed at the delegate so that the pane can cancel it.
+    // it is aimed at the delegate object so that the pane's cancel-all reaches it.
     if (informDelegateIfPublished && boolValue(calendar, QStringLiteral("publishedToBonjour"))) {
         NimbrelComDelegate* const delegate = m_delegate;
-        m_runLoop->performAfterDelay(static_cast<const void*>(delegate),
-                                     QByteArrayLiteral("nimbrelPublishingCalendar"), 0.0,
+        m_runLoop->performAfterDelay(delegateTarget(), QByteArrayLiteral("nimbrelPublishingCalendar"), 0.0,
                                      [delegate, calendar] { delegate->nimbrelPublishingCalendar(calendar); });
     }
     if (m_proxy)
@@ -111,7 +125,7 @@ void NimbrelCom::subscribeTo(const QVariantMap& calendar, bool informDelegateIfS
         boolValue(calendar, QStringLiteral("bonjour"))) {
         NimbrelComDelegate* const delegate = m_delegate;
         m_runLoop->performAfterDelay(
-            static_cast<const void*>(delegate), QByteArrayLiteral("nimbrelSubscribingToCalendar"), 0.0,
+            delegateTarget(), QByteArrayLiteral("nimbrelSubscribingToCalendar"), 0.0,
             [delegate, calendar] { delegate->nimbrelSubscribingToCalendar(calendar); });
     }
     if (m_proxy)
@@ -131,18 +145,19 @@ void NimbrelCom::setCalendarList(CalendarList& kept, const CalendarList& fresh, 
     nimbrel::setCalendarList(kept, fresh, source);
 }
 
-void NimbrelCom::recalculate(std::shared_ptr<CalendarList>& field,
-                             QVariantList (AppProtocolProxy::*request)() const, bool byTitle)
+void NimbrelCom::recalculate(std::shared_ptr<CalendarList>& field, ListRequest request, bool byTitle)
 {
-    // Once a list exists it keeps its object: the fresh answer is merged into it, never swapped in.
-    std::shared_ptr<CalendarList> old = std::move(field);
-    field.reset();
-    const std::shared_ptr<CalendarList> fresh = fetchList(field, request, byTitle);
-    if (old) {
-        nimbrel::setCalendarList(*old, *fresh, nullptr);
-        sortList(*old, byTitle);
-        field = std::move(old);
+    if (!field) {
+        fetchList(field, request, byTitle);
+        return;
     }
+    // Once a list exists it keeps its object: the fresh answer is merged into it, never swapped in. A
+    // failed fetch leaves it as it was; only a successful empty answer empties it.
+    const std::optional<CalendarList> fresh = fetchFresh(request, byTitle);
+    if (!fresh)
+        return;
+    nimbrel::setCalendarList(*field, *fresh, nullptr);
+    sortList(*field, byTitle);
 }
 
 void NimbrelCom::calcChangesForPublishedCalendars()

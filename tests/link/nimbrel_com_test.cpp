@@ -97,7 +97,7 @@ TEST_F(NimbrelComTest, ConnectWhileNotRunningOnlyEmptiesTheLists)
     EXPECT_FALSE(com.backgroundAppRunning());
     EXPECT_TRUE(com.backgroundAppResponsive());
     EXPECT_EQ(com.proxy(), nullptr);
-    EXPECT_EQ(com.bonjourInfo(), nullptr);
+    EXPECT_EQ(com.bonjourInfo(), std::nullopt);
     EXPECT_EQ(loop.pendingPerformCount(), 0);
 
     com.googleServiceUpdate(); // no one to ask: not in progress
@@ -219,9 +219,7 @@ TEST_F(NimbrelComTest, BonjourInfoRequestsWaitForConfirmationOrTimeOut)
     const QVariantMap infoC{{s("name"), s("Laptop")}, {s("port"), 9090}};
     peer.setBonjourInfo(infoA);
     activateConnected();
-    QVariantMap* const cache = com.bonjourInfo();
-    ASSERT_NE(cache, nullptr);
-    EXPECT_EQ(*cache, infoA);
+    EXPECT_EQ(com.bonjourInfo(), infoA);
 
     // Unchanged: answered at once, nothing sent, no timer.
     com.setBonjourInfo(infoA);
@@ -233,24 +231,28 @@ TEST_F(NimbrelComTest, BonjourInfoRequestsWaitForConfirmationOrTimeOut)
     com.setBonjourInfo(infoB);
     ASSERT_TRUE(peer.waitForCall(s("setBonjourPublisherInfo")));
     EXPECT_EQ(peer.calls(s("setBonjourPublisherInfo")).first().arguments, QVariantList{infoB});
-    EXPECT_EQ(*com.bonjourInfo(), infoA);
+    EXPECT_EQ(com.bonjourInfo(), infoA);
     EXPECT_EQ(loop.advance(9.9), 0);
     EXPECT_EQ(loop.advance(0.1), 1);
     EXPECT_EQ(delegate.take(), QStringList{s("NamePublished")});
 
-    // Two requests, two timers: one confirmation ends both and refills the same cache object.
+    // Two requests, two timers: one confirmation ends both and refreshes the cache.
     com.setBonjourInfo(infoB);
     com.setBonjourInfo(infoC);
     EXPECT_EQ(loop.pendingPerformCount(), 2);
     peer.setBonjourInfo(infoC);
     EXPECT_EQ(deliver(s("Nimbrel Bonjour Name Published")), QStringList{s("NamePublished")});
     EXPECT_EQ(loop.advance(20.0), 0);
-    EXPECT_EQ(com.bonjourInfo(), cache);
-    EXPECT_EQ(*cache, infoC);
+    EXPECT_EQ(com.bonjourInfo(), infoC);
+
+    // A confirmation whose fetch fails leaves the cache present but empty.
+    peer.setErrorReply(s("bonjourPublisherInfo"), s("org.freedesktop.DBus.Error.Failed"));
+    EXPECT_EQ(deliver(s("Nimbrel Bonjour Name Published")), QStringList{s("NamePublished")});
+    EXPECT_EQ(com.bonjourInfo(), QVariantMap());
 
     com.deactivate();
     EXPECT_EQ(delegate.take(), kRefresh);
-    EXPECT_EQ(com.bonjourInfo(), nullptr);
+    EXPECT_EQ(com.bonjourInfo(), std::nullopt);
 }
 
 TEST_F(NimbrelComTest, ListsAreFetchedOnceThenMergedInPlaceAndEmptiedByDisconnect)
@@ -289,18 +291,41 @@ TEST_F(NimbrelComTest, ListsAreFetchedOnceThenMergedInPlaceAndEmptiedByDisconnec
     EXPECT_EQ(com.sourceOfCalendarWithDict(calendar("c3", "Trips")), desk);
     EXPECT_EQ(peer.callCount(s("sourceListOfGoogleCalendars")), 2);
 
+    // A fetch that fails (error reply, or an answer of the wrong type) leaves the rows as they were;
+    // only a successful empty answer empties the list.
+    peer.setErrorReply(kPublishable, s("org.freedesktop.DBus.Error.Failed"));
+    com.calendarsChanged();
+    EXPECT_EQ(titles(*published), QStringList({s("C"), s("A renamed")}));
+    peer.resetAnswers();
+    peer.setListAnswer(kBonjourSources, {});
+    com.calendarsChanged();
+    EXPECT_EQ(titles(*published), QStringList()); // the default answer is empty
+    EXPECT_TRUE(sources->isEmpty());
+    EXPECT_EQ(delegate.take(), kBoth + kBoth);
+
     com.deactivate();
     EXPECT_EQ(delegate.take(), kRefresh);
     for (const auto get :
          {&NimbrelCom::calendarsPublishableViaBonjour, &NimbrelCom::sourceListOfBonjourCalendars,
           &NimbrelCom::calendarsPublishableToGoogle, &NimbrelCom::sourceListOfGoogleCalendars})
         EXPECT_TRUE((com.*get)()->isEmpty());
-    EXPECT_EQ(peer.callCount(kPublishable), 2);
+    EXPECT_EQ(peer.callCount(kPublishable), 4);
 }
+
+// A pane is a QObject first and a delegate second: its delegate part lies at another address.
+struct TwoBasedPane : QObject, MockDelegate
+{
+};
 
 TEST_F(NimbrelComTest, RowRequestsLeaveAtOnceAndNoticeOnTheNextPassOnlyWhenDue)
 {
-    activateConnected();
+    TwoBasedPane paneObject;
+    NimbrelCom com{&paneObject, Bundle(), &loop};
+    com.setProcessLookup([](const QString& identifier) { return identifier == kBackgroundAppIdentifier ? 1 : 0; });
+    ASSERT_TRUE(peer.start());
+    com.activate();
+    ASSERT_EQ(paneObject.take(), kRefresh);
+    MockDelegate& delegate = paneObject;
     // publishViaBonjour or subscribeTo, the row's flags, whether to inform, the notice expected.
     const std::tuple<bool, QVariantMap, bool, const char*> cases[] = {
         {true, {{s("publishedToBonjour"), true}}, true, "Publishing(0)"},
@@ -310,7 +335,8 @@ TEST_F(NimbrelComTest, RowRequestsLeaveAtOnceAndNoticeOnTheNextPassOnlyWhenDue)
         {false, {{s("subscribedTo"), true}, {s("bonjour"), false}}, true, nullptr}, // a remote server's
         {false, {{s("subscribedTo"), false}, {s("bonjour"), true}}, true, nullptr},
         {false, {{s("subscribedTo"), true}, {s("bonjour"), true}}, false, nullptr}};
-    const void* pane = static_cast<NimbrelComDelegate*>(&delegate);
+    const void* pane = &paneObject; // what the pane cancels with
+    ASSERT_NE(pane, static_cast<const void*>(static_cast<NimbrelComDelegate*>(&paneObject)));
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto& [publish, flags, inform, notice] = cases[i];
         SCOPED_TRACE(i);
@@ -328,6 +354,15 @@ TEST_F(NimbrelComTest, RowRequestsLeaveAtOnceAndNoticeOnTheNextPassOnlyWhenDue)
         EXPECT_EQ(loop.runPending(), notice ? 1 : 0);
         EXPECT_EQ(delegate.take(), notice ? QStringList{s(notice)} : QStringList());
     }
+
+    // The pane's cancel-all on its own address reaches a pending notice.
+    QVariantMap published = calendar("x", "Home");
+    published.insert(s("publishedToBonjour"), true);
+    com.publishViaBonjour(published, true);
+    ASSERT_EQ(loop.pendingPerformCount(pane), 1);
+    loop.cancelAllPerformRequests(pane);
+    EXPECT_EQ(loop.runPending(), 0);
+    com.deactivate();
 }
 
 // ---- Shared settings ---------------------------------------------------------------------------
