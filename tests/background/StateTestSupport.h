@@ -5,7 +5,8 @@
 // hand, and a capture of standard error (where Log writes).
 
 #include "NimbrelState.h"
-#include "StateDatabase.h"
+#include "state/StateDatabase.h"
+#include "state/SyncHistory.h"
 #include "logging/Log.h"
 #include "platform/PlistCodec.h"
 #include "support/TestEnvironment.h"

@@ -1,7 +1,7 @@
 // Calendar backups (merged components, one VTIMEZONE per TZID, hostile titles) and the database
 // reset that depends on them.
 
-#include "CalendarBackup.h"
+#include "calendars/CalendarBackup.h"
 #include "StateTestSupport.h"
 
 using namespace nimbrel::background;

@@ -1,7 +1,7 @@
 // Local calendars as vdir folders: the defaults, stable uids, what a rescan sees, and the watcher
 // that tells the panel (after the history row is written).
 
-#include "LocalCalendars.h"
+#include "calendars/LocalCalendars.h"
 #include "StateTestSupport.h"
 
 using namespace nimbrel::background;

@@ -1,18 +1,9 @@
 #pragma once
 
-// The SQLite file behind NimbrelState: opening (with recovery from a file that is not a usable
-// database of ours), the versioned schema and its migrations, and small query helpers.
-//
-// Schema (PRAGMA user_version = kSchemaVersion):
-//   calendars(uid PK, sort_order, published_bonjour, published_google, read_password, write_password,
-//             read_only)                      one row per local calendar folder
-//   sources(uid PK, kind 'server'|'google', settings BLOB)
-//                                             remote servers and the Google account; settings is the
-//                                             source's own dictionary as an XML property list
-//   subscriptions(uid PK, source_uid -> sources ON DELETE CASCADE, subscribed, record BLOB)
-//   settings(key PK, value)                   "bonjourName", "portNumber"
-//   sync_history(id PK, calendar_uid, time (ms since the epoch, UTC), kind, detail)
-// Version 1 had no sync_history.detail and no index on sync_history.
+// The SQLite file Nimbrel.nsql: opening (with recovery from a file that is not a usable database of
+// ours), the versioned schema (StateSchema.h) and its migrations, and small query helpers.
+
+#include "StateSchema.h"
 
 #include <QSqlDatabase>
 #include <QString>
@@ -20,8 +11,6 @@
 #include <QVariantList>
 
 namespace nimbrel::background {
-
-inline constexpr int kSchemaVersion = 2;
 
 class StateDatabase
 {
@@ -40,6 +29,8 @@ public:
 
     QString path() const { return m_path; }
     QString lastError() const { return m_error; }
+    // "cannot write the database: <lastError()>"
+    QString writeProblem() const;
     // The connection (only valid while open; do not keep it past close()).
     QSqlDatabase handle() const;
 

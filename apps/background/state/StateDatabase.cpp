@@ -1,6 +1,6 @@
 #include "StateDatabase.h"
 
-#include "NimbrelState.h"
+#include "StateSchema.h"
 #include "logging/Log.h"
 
 #include <QAtomicInteger>
@@ -18,57 +18,6 @@ namespace nimbrel::background {
 namespace {
 
 constexpr auto kOwnerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
-
-const QStringList& ourTables()
-{
-    static const QStringList tables{QStringLiteral("calendars"), QStringLiteral("sources"),
-                                    QStringLiteral("subscriptions"), QStringLiteral("settings"),
-                                    QStringLiteral("sync_history")};
-    return tables;
-}
-
-// The current schema, made in one go for a new file.
-const QStringList& createStatements()
-{
-    static const QStringList statements{
-        QStringLiteral("CREATE TABLE calendars ("
-                       " uid TEXT PRIMARY KEY NOT NULL,"
-                       " sort_order INTEGER NOT NULL DEFAULT 0,"
-                       " published_bonjour INTEGER NOT NULL DEFAULT 0,"
-                       " published_google INTEGER NOT NULL DEFAULT 0,"
-                       " read_password TEXT NOT NULL DEFAULT '',"
-                       " write_password TEXT NOT NULL DEFAULT '',"
-                       " read_only INTEGER NOT NULL DEFAULT 0)"),
-        QStringLiteral("CREATE TABLE sources ("
-                       " uid TEXT PRIMARY KEY NOT NULL,"
-                       " kind TEXT NOT NULL CHECK (kind IN ('server', 'google')),"
-                       " settings BLOB NOT NULL)"),
-        QStringLiteral("CREATE TABLE subscriptions ("
-                       " uid TEXT PRIMARY KEY NOT NULL,"
-                       " source_uid TEXT NOT NULL REFERENCES sources(uid) ON DELETE CASCADE,"
-                       " subscribed INTEGER NOT NULL DEFAULT 0,"
-                       " record BLOB NOT NULL)"),
-        QStringLiteral("CREATE TABLE settings (key TEXT PRIMARY KEY NOT NULL, value)"),
-        QStringLiteral("CREATE TABLE sync_history ("
-                       " id INTEGER PRIMARY KEY AUTOINCREMENT,"
-                       " calendar_uid TEXT NOT NULL DEFAULT '',"
-                       " time INTEGER NOT NULL,"
-                       " kind TEXT NOT NULL,"
-                       " detail TEXT NOT NULL DEFAULT '')"),
-        QStringLiteral("CREATE INDEX sync_history_calendar ON sync_history (calendar_uid, time)"),
-    };
-    return statements;
-}
-
-// Steps from version N to N+1, index 0 being 1 -> 2.
-const QList<QStringList>& migrationSteps()
-{
-    static const QList<QStringList> steps{
-        {QStringLiteral("ALTER TABLE sync_history ADD COLUMN detail TEXT NOT NULL DEFAULT ''"),
-         QStringLiteral("CREATE INDEX sync_history_calendar ON sync_history (calendar_uid, time)")},
-    };
-    return steps;
-}
 
 // Every text column is NOT NULL: an absent string (a null QString) is stored as an empty one.
 void bindAll(QSqlQuery& q, const QVariantList& bindings)
@@ -141,6 +90,11 @@ StateDatabase::StateDatabase() = default;
 StateDatabase::~StateDatabase()
 {
     close();
+}
+
+QString StateDatabase::writeProblem() const
+{
+    return QStringLiteral("cannot write the database: %1").arg(m_error);
 }
 
 QSqlDatabase StateDatabase::handle() const
@@ -233,7 +187,7 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
         return fail(QStringLiteral("schema version %1 is newer than %2").arg(version).arg(kSchemaVersion));
     if (version == 0 && !tables.isEmpty())
         return fail(QStringLiteral("the file holds tables of another program"));
-    for (const QString& table : ourTables()) {
+    for (const QString& table : schemaTables()) {
         if (version > 0 && !tables.contains(table))
             return fail(QStringLiteral("table %1 is missing").arg(table));
     }
@@ -243,7 +197,7 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
             if (!begin())
                 return false;
             const QList<QStringList> steps =
-                version == 0 ? QList<QStringList>{createStatements()} : migrationSteps().mid(version - 1);
+                version == 0 ? QList<QStringList>{schemaCreateStatements()} : schemaMigrationSteps().mid(version - 1);
             for (const QStringList& step : steps) {
                 for (const QString& statement : step) {
                     if (!exec(statement))
@@ -351,32 +305,6 @@ bool StateDatabase::wipe()
         return false;
     }
     return true;
-}
-
-bool clearSyncHistory(const QString& path, QString* error)
-{
-    QString problem;
-    if (!QFileInfo::exists(path)) {
-        // No database yet: there is no history to clear, and the tool must not make an empty file.
-        return true;
-    }
-    const QString name = uniqueConnectionName(QStringLiteral("nimbrel-resetsync"));
-    {
-        QSqlDatabase db = openConnection(name, path, &problem);
-        if (db.isOpen()) {
-            QSqlQuery q(db);
-            if (!db.transaction() || !q.exec(QStringLiteral("DELETE FROM sync_history")) || !db.commit()) {
-                problem = sqlError(q.lastError().isValid() ? q.lastError() : db.lastError());
-                db.rollback();
-            }
-            q.finish();
-            db.close();
-        }
-    }
-    QSqlDatabase::removeDatabase(name);
-    if (!problem.isEmpty() && error)
-        *error = QStringLiteral("cannot clear the sync history of %1: %2").arg(path, problem);
-    return problem.isEmpty();
 }
 
 } // namespace nimbrel::background
