@@ -33,6 +33,7 @@ void NimbrelState::Private::change(const char* operation, const QString& notific
                                    const std::function<QString()>& apply)
 {
     QString problem;
+    store->finishInitialScan(); // a change may name a calendar of the first look at the folders
     if (!db.isOpen()) {
         problem = QStringLiteral("the database is not open");
     } else if (!db.begin()) {
@@ -49,60 +50,59 @@ void NimbrelState::Private::change(const char* operation, const QString& notific
     notify(notification);
 }
 
-bool NimbrelState::Private::storeScan(const QList<LocalCalendar>& now, const QList<CalendarChange>* observed)
+bool NimbrelState::Private::addSettingsRows(const QStringList& uids)
 {
-    const QHash<QString, CalendarSettingsRow> existing = settings.rows();
-    QList<const LocalCalendar*> added;
-    QSet<QString> present;
-    for (const LocalCalendar& calendar : now) {
-        present.insert(calendar.uid);
-        if (!existing.contains(calendar.uid))
-            added << &calendar;
+    QList<std::pair<QString, QString>> byTitle; // title, uid
+    for (const QString& uid : uids) {
+        const std::optional<StoreCalendar> calendar = store->calendar(uid);
+        byTitle.append({calendar ? calendar->displayName : uid, uid});
     }
-    std::stable_sort(added.begin(), added.end(), [](const LocalCalendar* a, const LocalCalendar* b) {
-        return a->title.compare(b->title, Qt::CaseInsensitive) < 0;
+    std::stable_sort(byTitle.begin(), byTitle.end(), [](const auto& a, const auto& b) {
+        return a.first.compare(b.first, Qt::CaseInsensitive) < 0;
     });
-    QList<HistoryEntry> history;
-    if (observed) {
-        for (const CalendarChange& change : *observed)
-            history.append({change.uid, change.kind, change.detail});
-    }
-    QStringList addedUids;
-    for (const LocalCalendar* calendar : std::as_const(added)) {
-        addedUids << calendar->uid;
-        if (!observed)
-            history.append({calendar->uid, QStringLiteral("calendarAdded"), {}});
-    }
-    QStringList removedUids;
-    for (auto it = existing.keyBegin(); it != existing.keyEnd(); ++it) {
-        if (present.contains(*it))
-            continue;
-        removedUids << *it;
-        if (!observed)
-            history.append({*it, QStringLiteral("calendarRemoved"), {}});
-    }
-    if (!db.begin())
-        return false;
-    if (settings.add(addedUids) && settings.remove(removedUids) &&
-        recordHistory(db, history, QDateTime::currentMSecsSinceEpoch()) && db.commit())
-        return true;
-    db.rollback();
-    return false;
+    QStringList ordered;
+    for (const auto& [title, uid] : std::as_const(byTitle))
+        ordered << uid;
+    return settings.add(ordered);
 }
 
-void NimbrelState::Private::rescan()
+void NimbrelState::Private::calendarsChanged(const QList<CalendarChange>& changes)
 {
     if (!db.isOpen())
         return;
-    const QList<LocalCalendar> now = scanCalendars(calendarsRoot);
-    const QList<CalendarChange> changes = diffCalendars(calendars, now);
-    calendars = now;
-    watcher->watch(calendarsRoot, calendars); // new folders and replaced files need new watches
-    if (changes.isEmpty())
-        return;
-    if (!storeScan(calendars, &changes))
+    QList<HistoryEntry> history;
+    QStringList added;
+    QStringList removed;
+    for (const CalendarChange& change : changes) {
+        history.append({change.uid, change.kind, change.detail});
+        if (change.kind == QLatin1String("calendarAdded"))
+            added << change.uid;
+        else if (change.kind == QLatin1String("calendarRemoved"))
+            removed << change.uid;
+    }
+    const bool ok = db.begin() && addSettingsRows(added) && settings.remove(removed) &&
+                    recordHistory(db, history, QDateTime::currentMSecsSinceEpoch()) && db.commit();
+    if (!ok) {
         Log(13, "calendarsChanged: cannot record the change: %@", db.lastError());
+        db.rollback();
+    }
     notify(kCalendarsChanged);
+}
+
+// What the folders hold right now (the index may lag a hand edit by a batch).
+QList<BackupSource> NimbrelState::Private::backupSources() const
+{
+    QList<BackupSource> sources;
+    for (const StoreCalendar& calendar : store->calendars()) {
+        const QString folder = store->calendarPath(calendar.uid);
+        BackupSource source{calendar.displayName, {}};
+        const FolderListing listing = readFolder(folder);
+        for (auto it = listing.items.keyBegin(); it != listing.items.keyEnd(); ++it)
+            source.files << folder + QLatin1Char('/') + *it;
+        source.files.sort();
+        sources << source;
+    }
+    return sources;
 }
 
 QVariantMap NimbrelState::Private::sourceDictionary(const SourceRecord& source) const
@@ -127,8 +127,9 @@ NimbrelState::NimbrelState(const QString& databasePath, const QString& calendars
     d->calendarsRoot = calendarsFolder;
     d->backupRoot = backupFolder;
     d->post = std::move(post);
-    d->watcher = new CalendarWatcher(this);
-    connect(d->watcher, &CalendarWatcher::changed, this, [this] { d->rescan(); });
+    d->store = new CalendarStore(d->db, calendarsFolder, this);
+    connect(d->store, &CalendarStore::changed, this,
+            [this](const QList<CalendarChange>& changes) { d->calendarsChanged(changes); });
 }
 
 NimbrelState::~NimbrelState()
@@ -150,18 +151,29 @@ bool NimbrelState::open()
         Log(10, "NimbrelState: made the calendars Home and Work in %@", d->calendarsRoot);
     else if (!error.isEmpty())
         Log(13, "NimbrelState: cannot make the default calendars: %@", error);
-    d->calendars = scanCalendars(d->calendarsRoot);
-    if (!d->storeScan(d->calendars, nullptr))
+    if (!d->store->open()) {
+        d->lastError = QStringLiteral("the calendar index cannot be read: %1").arg(d->db.lastError());
+        d->db.close();
+        return false;
+    }
+    // Calendars indexed before their settings row was written (an interrupted batch, a reset).
+    QStringList missing;
+    const QHash<QString, CalendarSettingsRow> rows = d->settings.rows();
+    for (const StoreCalendar& calendar : d->store->calendars()) {
+        if (!rows.contains(calendar.uid))
+            missing << calendar.uid;
+    }
+    if (!missing.isEmpty() && !(d->db.begin() && d->addSettingsRows(missing) && d->db.commit())) {
         Log(13, "NimbrelState: cannot record the calendars: %@", d->db.lastError());
-    d->watcher->watch(d->calendarsRoot, d->calendars);
+        d->db.rollback();
+    }
     return true;
 }
 
 void NimbrelState::close()
 {
-    d->watcher->stop();
+    d->store->close();
     d->db.close();
-    d->calendars.clear();
 }
 
 bool NimbrelState::isOpen() const
@@ -181,13 +193,14 @@ QVariantList NimbrelState::calendarsPublishableViaBonjour() const
     QVariantList list;
     if (!d->db.isOpen())
         return list;
+    d->store->finishInitialScan();
     const QHash<QString, CalendarSettingsRow> rows = d->settings.rows();
-    for (const LocalCalendar& calendar : std::as_const(d->calendars)) {
+    for (const StoreCalendar& calendar : d->store->calendars()) {
         const auto row = rows.constFind(calendar.uid);
         if (row == rows.cend())
-            continue; // its row could not be written; it is not ours to describe
+            continue; // its row is not written yet; the batch that writes it posts a notice
         QVariantMap dict{{QStringLiteral("uid"), calendar.uid},
-                         {QStringLiteral("title"), calendar.title},
+                         {QStringLiteral("title"), calendar.displayName},
                          {QStringLiteral("order"), row->order},
                          {QStringLiteral("publishedToBonjour"), row->publishedToBonjour},
                          {QStringLiteral("publishedToGoogle"), row->publishedToGoogle},
@@ -252,8 +265,7 @@ bool NimbrelState::resetDatabase()
         }
         QStringList written;
         QString error;
-        const QList<LocalCalendar> now = scanCalendars(d->calendarsRoot);
-        if (!backupCalendars(now, d->backupRoot, QDateTime::currentDateTime(), &written, &error)) {
+        if (!backupCalendars(d->backupSources(), d->backupRoot, QDateTime::currentDateTime(), &written, &error)) {
             d->lastError = error;
             return false;
         }
@@ -262,11 +274,13 @@ bool NimbrelState::resetDatabase()
             return false;
         }
         // The calendar folders stay; they come back with fresh settings.
-        d->calendars = now;
-        const QList<CalendarChange> none;
-        if (!d->storeScan(d->calendars, &none))
+        QStringList uids;
+        for (const StoreCalendar& calendar : d->store->calendars())
+            uids << calendar.uid;
+        if (!(d->db.begin() && d->addSettingsRows(uids) && d->db.commit())) {
             Log(13, "resetDatabase: cannot record the calendars: %@", d->db.lastError());
-        d->watcher->watch(d->calendarsRoot, d->calendars);
+            d->db.rollback();
+        }
         Log(10, "resetDatabase: %d calendars backed up to %@; the database is fresh", int(written.size()),
             d->backupRoot);
         return true;

@@ -4,7 +4,8 @@
 // NimbrelState.cpp, changes from the panel in NimbrelStateChanges.cpp).
 
 #include "NimbrelState.h"
-#include "calendars/LocalCalendars.h"
+#include "calendars/CalendarBackup.h"
+#include "calendars/CalendarStore.h"
 #include "logging/Log.h"
 #include "state/CalendarSettings.h"
 #include "state/SourceRecords.h"
@@ -30,8 +31,7 @@ struct NimbrelState::Private
     StateDatabase db;
     CalendarSettings settings{db};
     SourceRecords sources{db};
-    CalendarWatcher* watcher = nullptr;
-    QList<LocalCalendar> calendars; // the folders as last scanned
+    CalendarStore* store = nullptr;
     QString lastError;
 
     void notify(const QString& name)
@@ -45,11 +45,13 @@ struct NimbrelState::Private
     // in every case, after the commit, so that the panel stops waiting and re-reads the state.
     void change(const char* operation, const QString& notification, const std::function<QString()>& apply);
 
-    // Brings the calendar rows in line with the folders and records the history. `observed` are the
-    // changes a watcher saw; without them (at open) the added and removed rows are the history.
-    bool storeScan(const QList<LocalCalendar>& now, const QList<CalendarChange>* observed);
-    void rescan();
+    // Records a batch of the calendar store's changes (history, settings rows for new calendars) in
+    // one transaction, then posts one "Nimbrel Calendars Changed".
+    void calendarsChanged(const QList<CalendarChange>& changes);
+    // Settings rows for the calendars that have none (placed after the others, by title).
+    bool addSettingsRows(const QStringList& uids);
 
+    QList<BackupSource> backupSources() const;
     QVariantMap sourceDictionary(const SourceRecord& source) const;
 };
 

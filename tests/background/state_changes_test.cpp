@@ -2,6 +2,7 @@
 // (logged, still posted), and the answers have the shape the panel reads.
 
 #include "StateTestSupport.h"
+#include "platform/PlistCodec.h"
 
 using namespace nimbrel::background;
 using namespace nimbrel::background::test;
@@ -30,6 +31,7 @@ protected:
         makeCalendar(calendarsRoot, "cal-a", "Alpha", {}, "#112233");
         makeCalendar(calendarsRoot, "cal-b", "Beta");
         state = openState();
+        state->calendarsPublishableViaBonjour(); // the first look at the folders is complete
         sql(dbPath, "INSERT INTO sources VALUES ('server-1', 'server', ?)",
             {blob(m("title", "Office", "remoteURL", "https://dav.example.org/"))});
         sql(dbPath, "INSERT INTO sources VALUES ('google-1', 'google', ?)",

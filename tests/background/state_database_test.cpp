@@ -2,6 +2,7 @@
 // file mode, the sync-history reset, and what diagnostics may show.
 
 #include "StateTestSupport.h"
+#include "state/SyncHistory.h"
 
 #include <sys/stat.h>
 
@@ -151,7 +152,7 @@ TEST_F(StateDatabaseTest, DiagnosticsCountButShowNoPasswords)
     const QString text = state->diagnostics().join(QLatin1Char('\n'));
     EXPECT_FALSE(text.contains(s("4711"))) << text.toStdString();
     for (const char* expected :
-         {"schema version 2", "Local calendars: 1 (published via Bonjour: 1, to Google: 0)",
+         {"schema version 3", "Local calendars: 1 (published via Bonjour: 1, to Google: 0)",
           "Remote servers: 1", "Google account: yes", "Sync history rows: 1", "Port: automatic"})
         EXPECT_TRUE(text.contains(s(expected))) << expected << "\n" << text.toStdString();
     EXPECT_TRUE(text.contains(dbPath));

@@ -1,7 +1,5 @@
 #include "CalendarBackup.h"
 
-#include "LocalCalendars.h"
-
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -229,7 +227,7 @@ QString backupFileName(const QString& title, const QDateTime& when)
            QStringLiteral(".ics");
 }
 
-bool backupCalendars(const QList<LocalCalendar>& calendars, const QString& folder, const QDateTime& when,
+bool backupCalendars(const QList<BackupSource>& calendars, const QString& folder, const QDateTime& when,
                      QStringList* written, QString* error)
 {
     auto fail = [&](const QString& message) {
@@ -243,8 +241,8 @@ bool backupCalendars(const QList<LocalCalendar>& calendars, const QString& folde
     if (!QDir().mkpath(folder))
         return fail(QStringLiteral("cannot create the backup folder %1").arg(folder));
     const QDir dir(folder);
-    for (const LocalCalendar& calendar : calendars) {
-        const MergedCalendar merged = mergeCalendarFiles(calendar.title, calendar.itemPaths());
+    for (const BackupSource& calendar : calendars) {
+        const MergedCalendar merged = mergeCalendarFiles(calendar.title, calendar.files);
         if (!merged.unreadable.isEmpty())
             return fail(QStringLiteral("cannot read %1").arg(merged.unreadable.join(QStringLiteral(", "))));
         // Two calendars may share a title; neither backup may replace the other (or an older one).

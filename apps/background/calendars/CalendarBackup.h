@@ -12,7 +12,12 @@
 
 namespace nimbrel::background {
 
-struct LocalCalendar;
+// One calendar to back up: its title and its item files.
+struct BackupSource
+{
+    QString title;
+    QStringList files;
+};
 
 struct MergedCalendar
 {
@@ -29,7 +34,7 @@ QString backupFileName(const QString& title, const QDateTime& when);
 
 // Writes one backup file per calendar into `folder` (created when missing). On any failure the files
 // written so far are removed and false is returned with *error. *written gets the paths.
-bool backupCalendars(const QList<LocalCalendar>& calendars, const QString& folder, const QDateTime& when,
+bool backupCalendars(const QList<BackupSource>& calendars, const QString& folder, const QDateTime& when,
                      QStringList* written, QString* error);
 
 } // namespace nimbrel::background

@@ -187,7 +187,7 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
         return fail(QStringLiteral("schema version %1 is newer than %2").arg(version).arg(kSchemaVersion));
     if (version == 0 && !tables.isEmpty())
         return fail(QStringLiteral("the file holds tables of another program"));
-    for (const QString& table : schemaTables()) {
+    for (const QString& table : schemaTables(version)) {
         if (version > 0 && !tables.contains(table))
             return fail(QStringLiteral("table %1 is missing").arg(table));
     }

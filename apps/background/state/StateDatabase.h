@@ -44,7 +44,8 @@ public:
     bool commit();
     void rollback();
 
-    // Empties every table (a fresh state with the current schema).
+    // Empties the user's state: per-calendar settings, sources, subscriptions, settings and the sync
+    // history. The calendar store's index of the folders stays (the folders stay too).
     bool wipe();
 
 private:
