@@ -2,12 +2,13 @@
 
 #include "NimbrelState.h"
 #include "UpdateCheck.h"
-#include "link/AppProtocolProxy.h"
+#include "protocol/AppProtocol.h"
 #include "protocol/NotificationBus.h"
 #include "logging/Log.h"
 #include "platform/Bundle.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
+#include "protocol/Notifications.h"
 
 #include <QDBusMessage>
 #include <QDir>
@@ -35,8 +36,8 @@ const QString kLogName = QStringLiteral("Nimbrel");
 constexpr long kLogKeepCount = 5;
 constexpr int kLogFlushIntervalMs = 5000;
 constexpr int kBusFlushTimeoutMs = 2000;
-const QString kRunning = QStringLiteral("Nimbrel Running");
-const QString kStopped = QStringLiteral("Nimbrel Stopped");
+const QString kRunning = notification::running;
+const QString kStopped = notification::stopped;
 
 void printError(const QString& message)
 {

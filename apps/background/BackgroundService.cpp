@@ -2,7 +2,7 @@
 
 #include "AppProtocolAdaptor.h"
 #include "NimbrelState.h"
-#include "link/AppProtocolProxy.h"
+#include "protocol/AppProtocol.h"
 #include "protocol/WireCodec.h"
 #include "logging/Log.h"
 #include "platform/SettingsStore.h"

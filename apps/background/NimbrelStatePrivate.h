@@ -7,6 +7,7 @@
 #include "calendars/CalendarBackup.h"
 #include "calendars/CalendarStore.h"
 #include "logging/Log.h"
+#include "protocol/Notifications.h"
 #include "state/CalendarSettings.h"
 #include "state/SourceRecords.h"
 #include "state/StateDatabase.h"
@@ -15,12 +16,12 @@
 
 namespace nimbrel::background {
 
-inline const QString kCalendarsChanged = QStringLiteral("Nimbrel Calendars Changed");
-inline const QString kPublishableChange = QStringLiteral("Nimbrel Bonjour Publishable Change");
-inline const QString kBonjourChange = QStringLiteral("Nimbrel Bonjour Change");
-inline const QString kGoogleChange = QStringLiteral("Nimbrel Google Change");
-inline const QString kNamePublished = QStringLiteral("Nimbrel Bonjour Name Published");
-inline const QString kReset = QStringLiteral("Nimbrel Reset");
+inline const QString kCalendarsChanged = notification::calendarsChanged;
+inline const QString kPublishableChange = notification::bonjourPublishableChange;
+inline const QString kBonjourChange = notification::bonjourChange;
+inline const QString kGoogleChange = notification::googleChange;
+inline const QString kNamePublished = notification::bonjourNamePublished;
+inline const QString kReset = notification::reset;
 
 struct NimbrelState::Private
 {

@@ -3,6 +3,7 @@
 #include "logging/Log.h"
 #include "platform/RunLoop.h"
 #include "platform/SettingsStore.h"
+#include "protocol/Notifications.h"
 
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
@@ -20,7 +21,6 @@ namespace {
 
 const QString kIntervalKey = QStringLiteral("checkForUpdateInterval");
 const QString kLastCheckKey = QStringLiteral("SULastCheckTime");
-const QString kCheckedUpdate = QStringLiteral("Nimbrel Bonjour Checked Update");
 const QByteArray kScheduledCheck = QByteArrayLiteral("scheduledCheck");
 
 bool isNumber(const QVariant& value)
@@ -305,7 +305,7 @@ void UpdateScheduler::checkFinished(const UpdateCheckResult& result)
     if (result.feedRead && !m_shared.setValue(kLastCheckKey, m_clock().toUTC()))
         Log(13, "checkForUpdate: %@ could not be written to %@", kLastCheckKey, m_shared.path());
     if ((requested || result.feedRead) && m_post)
-        m_post(kCheckedUpdate);
+        m_post(QString(notification::checkedUpdate));
     emit checked(result);
     if (m_scheduling)
         reschedule();
