@@ -4,6 +4,8 @@
 #include "calendars/CalendarBackup.h"
 #include "state/SyncHistory.h"
 
+#include "platform/RunLoop.h"
+
 #include <QDateTime>
 #include <QSqlQuery>
 #include <algorithm>
@@ -33,7 +35,7 @@ void NimbrelState::Private::change(const char* operation, const QString& notific
                                    const std::function<QString()>& apply)
 {
     QString problem;
-    store->finishInitialScan(); // a change may name a calendar of the first look at the folders
+    settleCalendars(); // a change may name a calendar of the first look at the folders
     if (!db.isOpen()) {
         problem = QStringLiteral("the database is not open");
     } else if (!db.begin()) {
@@ -68,25 +70,60 @@ bool NimbrelState::Private::addSettingsRows(const QStringList& uids)
 
 void NimbrelState::Private::calendarsChanged(const QList<CalendarChange>& changes)
 {
-    if (!db.isOpen())
+    // New calendars first, by title, so that their order follows their titles.
+    QList<std::pair<QString, CalendarChange>> added; // title, change
+    for (const CalendarChange& change : changes) {
+        if (change.kind == QLatin1String("calendarAdded"))
+            added.append({store->calendar(change.uid).value_or(StoreCalendar{}).displayName, change});
+        else
+            toRecord << change;
+    }
+    std::stable_sort(added.begin(), added.end(), [](const auto& a, const auto& b) {
+        return a.first.compare(b.first, Qt::CaseInsensitive) < 0;
+    });
+    QList<CalendarChange> ordered;
+    for (const auto& entry : std::as_const(added))
+        ordered << entry.second;
+    toRecord = ordered + toRecord;
+    recordSome();
+}
+
+void NimbrelState::Private::recordSome()
+{
+    RunLoop::current().cancelPreviousPerformRequests(this, kRecordSelector);
+    if (!db.isOpen()) {
+        toRecord.clear();
         return;
+    }
+    const QList<CalendarChange> chunk = toRecord.mid(0, kRecordChunk);
+    toRecord.remove(0, chunk.size());
     QList<HistoryEntry> history;
     QStringList added;
     QStringList removed;
-    for (const CalendarChange& change : changes) {
+    for (const CalendarChange& change : chunk) {
         history.append({change.uid, change.kind, change.detail});
         if (change.kind == QLatin1String("calendarAdded"))
             added << change.uid;
         else if (change.kind == QLatin1String("calendarRemoved"))
             removed << change.uid;
     }
-    const bool ok = db.begin() && addSettingsRows(added) && settings.remove(removed) &&
+    const bool ok = db.begin() && settings.add(added) && settings.remove(removed) &&
                     recordHistory(db, history, QDateTime::currentMSecsSinceEpoch()) && db.commit();
     if (!ok) {
         Log(13, "calendarsChanged: cannot record the change: %@", db.lastError());
         db.rollback();
     }
-    notify(kCalendarsChanged);
+    if (!toRecord.isEmpty())
+        RunLoop::current().performAfterDelay(this, kRecordSelector, 0, [this] { recordSome(); });
+    else
+        notify(kCalendarsChanged);
+}
+
+void NimbrelState::Private::settleCalendars()
+{
+    store->finishInitialScan();
+    while (!toRecord.isEmpty())
+        recordSome();
 }
 
 // What the folders hold right now (the index may lag a hand edit by a batch).
@@ -173,6 +210,8 @@ bool NimbrelState::open()
 void NimbrelState::close()
 {
     d->store->close();
+    RunLoop::current().cancelAllPerformRequests(d.get());
+    d->toRecord.clear();
     d->db.close();
 }
 
@@ -193,7 +232,7 @@ QVariantList NimbrelState::calendarsPublishableViaBonjour() const
     QVariantList list;
     if (!d->db.isOpen())
         return list;
-    d->store->finishInitialScan();
+    d->settleCalendars();
     const QHash<QString, CalendarSettingsRow> rows = d->settings.rows();
     for (const StoreCalendar& calendar : d->store->calendars()) {
         const auto row = rows.constFind(calendar.uid);

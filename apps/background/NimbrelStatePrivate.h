@@ -46,9 +46,17 @@ struct NimbrelState::Private
     // in every case, after the commit, so that the panel stops waiting and re-reads the state.
     void change(const char* operation, const QString& notification, const std::function<QString()>& apply);
 
-    // Records a batch of the calendar store's changes (history, settings rows for new calendars) in
-    // one transaction, then posts one "Nimbrel Calendars Changed".
+    // Records a batch of the calendar store's changes (history, settings rows for new calendars), a
+    // chunk per pass of the event loop (a first start brings thousands), then posts one "Nimbrel
+    // Calendars Changed".
     void calendarsChanged(const QList<CalendarChange>& changes);
+    void recordSome();
+    // The calendars complete before an answer or a change: the first look at the folders done and
+    // recorded.
+    void settleCalendars();
+    static constexpr qsizetype kRecordChunk = 500;
+    inline static const QByteArray kRecordSelector = QByteArrayLiteral("recordSome");
+    QList<CalendarChange> toRecord;
     // Settings rows for the calendars that have none (placed after the others, by title).
     bool addSettingsRows(const QStringList& uids);
 

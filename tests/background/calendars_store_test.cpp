@@ -35,9 +35,11 @@ protected:
         open();
     }
 
-    void open()
+    void open(int watchLimit = 0)
     {
         store = std::make_unique<CalendarStore>(db, root);
+        if (watchLimit > 0)
+            store->watcher().setWatchLimit(watchLimit);
         QObject::connect(store.get(), &CalendarStore::changed,
                          [this](const QList<CalendarChange>& c) { batches << c; });
         ASSERT_TRUE(store->open());
@@ -214,6 +216,27 @@ TEST_F(CalendarStoreTest, HandEditsReachTheLogInOneBatch)
     settle();
     ASSERT_EQ(batches.size(), 1);
     EXPECT_EQ(batches[0], (QList<CalendarChange>{{s("cal"), s("itemChanged"), s("a.ics")}}));
+}
+
+TEST_F(CalendarStoreTest, BeyondTheWatchLimitCalendarsAreCheckedPeriodically)
+{
+    store.reset();
+    StderrCapture log(10);
+    open(3); // the root, its parent and one calendar
+    loop.runPending();
+    EXPECT_EQ(store->watcher().watchCount(), 3);
+    EXPECT_TRUE(log.text().contains(s("limit of 3 inotify watches is reached"))) << qPrintable(log.text());
+    const QString watched = store->watcher().isWatched(s("cal")) ? s("cal") : s("other");
+    const QString unwatched = watched == s("cal") ? s("other") : s("cal");
+
+    writeFile(root + s("/cal/displayname"), "Cal 2\n");
+    writeFile(root + s("/other/displayname"), "Other 2\n");
+    settle();
+    ASSERT_EQ(batches.size(), 1);
+    EXPECT_EQ(batches[0], (QList<CalendarChange>{{watched, s("calendarRenamed"), {}}}));
+    loop.advance(CalendarStore::kPeriodicRescan);
+    ASSERT_EQ(batches.size(), 2);
+    EXPECT_EQ(batches[1], (QList<CalendarChange>{{unwatched, s("calendarRenamed"), {}}}));
 }
 
 } // namespace
