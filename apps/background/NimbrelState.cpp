@@ -107,8 +107,9 @@ void NimbrelState::Private::recordSome()
         else if (change.kind == QLatin1String("calendarRemoved"))
             removed << change.uid;
     }
-    const bool ok = db.begin() && settings.add(added) && settings.remove(removed) &&
-                    recordHistory(db, history, QDateTime::currentMSecsSinceEpoch()) && db.commit();
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    const bool ok = db.begin() && settings.add(added) && settings.markVanished(removed, now) &&
+                    settings.purgeVanished(now) && recordHistory(db, history, now) && db.commit();
     if (!ok) {
         Log(13, "calendarsChanged: cannot record the change: %@", db.lastError());
         db.rollback();
@@ -200,7 +201,8 @@ bool NimbrelState::open()
         if (!rows.contains(calendar.uid))
             missing << calendar.uid;
     }
-    if (!missing.isEmpty() && !(d->db.begin() && d->addSettingsRows(missing) && d->db.commit())) {
+    if (!(d->db.begin() && d->addSettingsRows(missing) &&
+          d->settings.purgeVanished(QDateTime::currentMSecsSinceEpoch()) && d->db.commit())) {
         Log(13, "NimbrelState: cannot record the calendars: %@", d->db.lastError());
         d->db.rollback();
     }
@@ -350,15 +352,16 @@ QStringList NimbrelState::diagnostics() const
         lines << QStringLiteral("Database: %1 (not open)").arg(d->databasePath);
         return lines;
     }
+    d->settleCalendars();
     const auto count = [this](const char* sql) { return d->db.scalar(QLatin1String(sql)).toLongLong(); };
     lines << QStringLiteral("Database: %1 (schema version %2)")
                  .arg(d->databasePath)
                  .arg(count("PRAGMA user_version"));
     lines << QStringLiteral("Calendars folder: %1").arg(d->calendarsRoot);
     lines << QStringLiteral("Local calendars: %1 (published via Bonjour: %2, to Google: %3)")
-                 .arg(count("SELECT COUNT(*) FROM calendars"))
-                 .arg(count("SELECT COUNT(*) FROM calendars WHERE published_bonjour != 0"))
-                 .arg(count("SELECT COUNT(*) FROM calendars WHERE published_google != 0"));
+                 .arg(count("SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL"))
+                 .arg(count("SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL AND published_bonjour != 0"))
+                 .arg(count("SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL AND published_google != 0"));
     lines << QStringLiteral("Subscriptions: %1 (subscribed: %2)")
                  .arg(count("SELECT COUNT(*) FROM subscriptions"))
                  .arg(count("SELECT COUNT(*) FROM subscriptions WHERE subscribed != 0"));

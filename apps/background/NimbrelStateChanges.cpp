@@ -232,7 +232,7 @@ void NimbrelState::setBonjourPublisherInfo(const QVariantMap& info)
         if (name.toUtf8().size() > kMaxBonjourNameBytes)
             return QStringLiteral("the Bonjour name is longer than %1 bytes").arg(kMaxBonjourNameBytes);
         if (port < 0 || port > 65535)
-            return QStringLiteral("the port %1 is outside 1-65535").arg(port);
+            return QStringLiteral("the port %1 is not a port: use 1-65535, or 0 for an automatic port").arg(port);
         if (!d->sources.setPublisherInfo(name, port))
             return d->db.writeProblem();
         return {};

@@ -1,7 +1,8 @@
 #pragma once
 
-// Shared by the background application's tests: dictionaries in one line, SQL on a connection of
-// the test's own, vdir calendars made by hand, and a capture of standard error (where Log writes).
+// Shared by the background application's tests: dictionaries in one line, SQL on a connection of the
+// test's own, vdir calendars made by hand, a capture of standard error (where Log writes) and a
+// dbus-daemon of the test's own.
 
 #include "logging/Log.h"
 #include "state/StateDatabase.h"
@@ -10,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QSqlQuery>
 #include <cstdio>
 #include <gtest/gtest.h>
@@ -19,13 +21,11 @@
 namespace nimbrel::background::test {
 
 using nimbrel::test::makeTempDir;
-
 using nimbrel::test::s;
 
 // m("key", value, "key", value, ...): a dictionary, C strings taken as text.
 inline void put(QVariantMap&) {}
-template <class V, class... Rest>
-void put(QVariantMap& map, const char* key, const V& value, const Rest&... rest)
+template <class V, class... Rest> void put(QVariantMap& map, const char* key, const V& value, const Rest&... rest)
 {
     if constexpr (std::is_convertible_v<V, const char*>)
         map.insert(s(key), s(value));
@@ -59,11 +59,6 @@ inline QVariantList sql(const QString& path, const char* statement, const QVaria
     }
     QSqlDatabase::removeDatabase(name);
     return values;
-}
-
-inline QVariant sql1(const QString& path, const char* statement)
-{
-    return sql(path, statement).value(0);
 }
 
 inline void writeFile(const QString& path, const QByteArray& data)
@@ -132,6 +127,30 @@ private:
     QString m_path;
     long m_level;
     int m_saved = -1;
+};
+
+// A dbus-daemon of the test's own, beside the session bus the test runs on: a second session, or a
+// bus to take away.
+class PrivateBus
+{
+public:
+    PrivateBus()
+    {
+        m_daemon.start(s("dbus-daemon"), {s("--session"), s("--nofork"), s("--print-address")});
+        if (m_daemon.waitForStarted() && m_daemon.waitForReadyRead(5000))
+            m_address = QString::fromUtf8(m_daemon.readLine().trimmed());
+    }
+    ~PrivateBus() { stop(); }
+    QString address() const { return m_address; }
+    void stop()
+    {
+        m_daemon.kill();
+        m_daemon.waitForFinished();
+    }
+
+private:
+    QProcess m_daemon;
+    QString m_address;
 };
 
 } // namespace nimbrel::background::test

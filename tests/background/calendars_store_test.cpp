@@ -218,6 +218,38 @@ TEST_F(CalendarStoreTest, HandEditsReachTheLogInOneBatch)
     EXPECT_EQ(batches[0], (QList<CalendarChange>{{s("cal"), s("itemChanged"), s("a.ics")}}));
 }
 
+// A restore or a sync tool may move the whole folder away and back, or delete and make it again.
+TEST_F(CalendarStoreTest, TheRootIsWatchedAgainWhenItComesBack)
+{
+    const auto kinds = [this] {
+        QStringList list;
+        for (const CalendarChange& change : batches.value(0))
+            list << change.uid + QLatin1Char(':') + change.kind + QLatin1Char(':') + change.detail;
+        list.sort();
+        batches.clear();
+        return list;
+    };
+    ASSERT_TRUE(QDir().rename(root, dir + s("/aside")));
+    settle();
+    EXPECT_EQ(kinds(), (QStringList{s("cal:calendarRemoved:"), s("other:calendarRemoved:")}));
+    ASSERT_TRUE(QDir().rename(dir + s("/aside"), root));
+    settle();
+    EXPECT_EQ(kinds(), (QStringList{s("cal:calendarAdded:"), s("other:calendarAdded:")}));
+    writeFile(root + s("/cal/z.ics"), event("z"));
+    settle();
+    EXPECT_EQ(kinds(), QStringList{s("cal:itemAdded:z.ics")});
+
+    ASSERT_TRUE(QDir(root).removeRecursively());
+    settle();
+    EXPECT_EQ(kinds().size(), 2);
+    makeCalendar(root, "new", "New");
+    settle();
+    EXPECT_EQ(kinds(), QStringList{s("new:calendarAdded:")});
+    writeFile(root + s("/new/displayname"), "Newer\n");
+    settle();
+    EXPECT_EQ(kinds(), QStringList{s("new:calendarRenamed:")});
+}
+
 TEST_F(CalendarStoreTest, BeyondTheWatchLimitCalendarsAreCheckedPeriodically)
 {
     store.reset();

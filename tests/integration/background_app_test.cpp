@@ -1,7 +1,10 @@
 // The real background application, started and stopped through the link on a private bus, with the
 // test's own HOME: start and handshake, state that survives a restart, shutdown, a frozen process, the
-// database reset, the login item, the stand-alone update check and the single instance.
+// login item, the stand-alone update check, one instance per bus and per data folder, a bus that goes
+// away, and a database of a newer version.
 
+#include "background/BackgroundTestSupport.h"
+#include "link/AppProtocolProxy.h"
 #include "link/MockDelegate.h"
 #include "link/NimbrelCom.h"
 #include "platform/Bundle.h"
@@ -20,6 +23,8 @@
 namespace nimbrel {
 namespace {
 
+using background::test::PrivateBus;
+using background::test::readFile;
 using nimbrel::test::s;
 
 // The background application of this test: a process running the build tree's executable with this
@@ -159,19 +164,6 @@ TEST_F(BackgroundAppTest, AFrozenApplicationIsNotRespondingUntilItThaws)
     EXPECT_TRUE(test::waitUntil([&] { return processGone(pid); }));
 }
 
-TEST_F(BackgroundAppTest, ResetLeavesABackupAndAFreshDatabase)
-{
-    ASSERT_TRUE(start());
-    ASSERT_TRUE(com.backgroundAppDatabaseExists());
-    com.resetDatabase();
-    ASSERT_TRUE(heard(s("ResetFinished(1)")));
-    const QString backup =
-        QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + s("/Nimbrel/Backup");
-    EXPECT_GE(QDir(backup).entryList({s("*.ics")}, QDir::Files).size(), 2);
-    EXPECT_FALSE(com.launchBackgroundAppAtStartup());
-    EXPECT_GE(com.calendarsPublishableViaBonjour()->size(), 2); // the calendars themselves stay
-}
-
 TEST_F(BackgroundAppTest, StandAloneUpdateCheckWritesTheCheckTime)
 {
     const QDateTime before = QDateTime::currentDateTimeUtc().addSecs(-1);
@@ -181,14 +173,54 @@ TEST_F(BackgroundAppTest, StandAloneUpdateCheckWritesTheCheckTime)
     EXPECT_EQ(ourBackgroundApp(executable), 0);
 }
 
-TEST_F(BackgroundAppTest, ASecondInstanceExitsAtOnce)
+// Another session of the same user has a bus of its own but the same home.
+TEST_F(BackgroundAppTest, OneInstancePerBusAndPerDataFolder)
 {
     ASSERT_TRUE(start());
-    QProcess second;
-    second.start(executable, {});
-    ASSERT_TRUE(second.waitForFinished(10000));
-    EXPECT_NE(second.exitCode(), 0);
-    EXPECT_TRUE(second.readAllStandardError().contains("already running"));
+    PrivateBus otherSession;
+    for (const QString& bus : {qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), otherSession.address()}) {
+        QProcess second;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(s("DBUS_SESSION_BUS_ADDRESS"), bus);
+        second.setProcessEnvironment(environment);
+        second.start(executable, {});
+        ASSERT_TRUE(second.waitForFinished(10000));
+        EXPECT_EQ(second.exitCode(), 1);
+        EXPECT_TRUE(second.readAllStandardError().contains("already running")) << qPrintable(bus);
+    }
+    EXPECT_EQ(com.proxy()->version(), 5);
+}
+
+TEST_F(BackgroundAppTest, EndsWhenItsBusGoesAway)
+{
+    PrivateBus session;
+    QProcess app;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(s("DBUS_SESSION_BUS_ADDRESS"), session.address());
+    app.setProcessEnvironment(environment);
+    app.start(executable, {});
+    const QDBusConnection bus = QDBusConnection::connectToBus(session.address(), s("going"));
+    ASSERT_TRUE(test::waitUntil([&] { return AppProtocolProxy(bus).version().has_value(); }, 20000));
+    session.stop();
+    ASSERT_TRUE(app.waitForFinished(20000));
+    EXPECT_EQ(app.exitCode(), 0);
+    EXPECT_TRUE(readFile(logFilePath(s("Nimbrel"))).contains("the session bus went away"));
+}
+
+TEST_F(BackgroundAppTest, ADatabaseOfANewerVersionIsLeftAloneAndSaid)
+{
+    const QString database = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+                             s("/Nimbrel/Nimbrel.nsql");
+    QDir().mkpath(QFileInfo(database).path());
+    background::test::sql(database, "CREATE TABLE calendars (uid TEXT)");
+    background::test::sql(database, "PRAGMA user_version = 99");
+    const QByteArray before = readFile(database);
+    QProcess app;
+    app.start(executable, {});
+    ASSERT_TRUE(app.waitForFinished(20000));
+    EXPECT_EQ(app.exitCode(), 2);
+    EXPECT_TRUE(readFile(logFilePath(s("Nimbrel"))).contains("written by a newer version of Nimbrel"));
+    EXPECT_EQ(readFile(database), before);
 }
 
 } // namespace

@@ -12,7 +12,7 @@ QHash<QString, CalendarSettingsRow> CalendarSettings::rows() const
     QSqlQuery q(m_db.handle());
     q.setForwardOnly(true);
     if (!q.exec(QStringLiteral("SELECT uid, sort_order, published_bonjour, published_google, read_password, "
-                               "write_password, read_only FROM calendars")))
+                               "write_password, read_only FROM calendars WHERE vanished_at IS NULL")))
         return rows;
     while (q.next()) {
         rows.insert(q.value(0).toString(),
@@ -24,7 +24,8 @@ QHash<QString, CalendarSettingsRow> CalendarSettings::rows() const
 
 bool CalendarSettings::contains(const QString& uid) const
 {
-    return m_db.scalar(QStringLiteral("SELECT 1 FROM calendars WHERE uid = ?"), {uid}).isValid();
+    return m_db.scalar(QStringLiteral("SELECT 1 FROM calendars WHERE uid = ? AND vanished_at IS NULL"), {uid})
+        .isValid();
 }
 
 bool CalendarSettings::add(const QStringList& uids)
@@ -34,7 +35,7 @@ bool CalendarSettings::add(const QStringList& uids)
     qint64 order = m_db.scalar(QStringLiteral("SELECT COALESCE(MAX(sort_order), 0) FROM calendars")).toLongLong();
     QSqlQuery q(m_db.handle());
     if (!q.prepare(QStringLiteral("INSERT INTO calendars (uid, sort_order) VALUES (?, ?) "
-                                  "ON CONFLICT (uid) DO NOTHING")))
+                                  "ON CONFLICT (uid) DO UPDATE SET vanished_at = NULL")))
         return false;
     for (const QString& uid : uids) {
         q.addBindValue(uid);
@@ -45,17 +46,23 @@ bool CalendarSettings::add(const QStringList& uids)
     return true;
 }
 
-bool CalendarSettings::remove(const QStringList& uids)
+bool CalendarSettings::markVanished(const QStringList& uids, qint64 nowMs)
 {
     QSqlQuery q(m_db.handle());
-    if (!q.prepare(QStringLiteral("DELETE FROM calendars WHERE uid = ?")))
+    if (!q.prepare(QStringLiteral("UPDATE calendars SET vanished_at = ? WHERE uid = ? AND vanished_at IS NULL")))
         return false;
     for (const QString& uid : uids) {
+        q.addBindValue(nowMs);
         q.addBindValue(uid);
         if (!q.exec())
             return false;
     }
     return true;
+}
+
+bool CalendarSettings::purgeVanished(qint64 nowMs)
+{
+    return m_db.exec(QStringLiteral("DELETE FROM calendars WHERE vanished_at < ?"), {nowMs - kVanishedKeepMs});
 }
 
 bool CalendarSettings::setPublishedToBonjour(const QString& uid, bool published)
@@ -83,7 +90,7 @@ bool CalendarSettings::unpublishAllFromGoogle()
 
 bool CalendarSettings::anyPublishedToGoogle() const
 {
-    return m_db.scalar(QStringLiteral("SELECT 1 FROM calendars WHERE published_google != 0 LIMIT 1")).isValid();
+    return m_db.scalar(QStringLiteral("SELECT 1 FROM calendars WHERE published_google != 0 AND vanished_at IS NULL LIMIT 1")).isValid();
 }
 
 } // namespace nimbrel::background

@@ -10,6 +10,7 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
+#include <algorithm>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -48,6 +49,28 @@ bool ensurePrivateFile(const QString& path, QString* error)
     ::close(fd);
     QFile::setPermissions(path, kOwnerOnly);
     return true;
+}
+
+// PRAGMA user_version of an existing file, read without changing anything; 0 when there is none.
+int storedVersion(const QString& path)
+{
+    if (QFileInfo(path).size() == 0)
+        return 0;
+    const QString name = uniqueConnectionName(QStringLiteral("nimbrel-probe"));
+    int version = 0;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name);
+        db.setDatabaseName(path);
+        db.setConnectOptions(QStringLiteral("QSQLITE_OPEN_READONLY"));
+        if (db.open()) {
+            QSqlQuery q(db);
+            if (q.exec(QStringLiteral("PRAGMA user_version")) && q.next())
+                version = q.value(0).toInt();
+        }
+        db.close();
+    }
+    QSqlDatabase::removeDatabase(name);
+    return version;
 }
 
 } // namespace
@@ -141,6 +164,7 @@ bool StateDatabase::open(const QString& path)
         Log(13, "StateDatabase: cannot open %@: %@", path, why);
         return false;
     }
+    QFile::setPermissions(m_path, kOwnerOnly);
     return true;
 }
 
@@ -149,6 +173,15 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
     const QFileInfo info(m_path);
     if (!QDir().mkpath(info.absolutePath())) {
         *why = QStringLiteral("cannot create the folder %1").arg(info.absolutePath());
+        return Outcome::Failed;
+    }
+    // A file of a newer version is not damaged: refused before anything could change it.
+    if (const int version = storedVersion(m_path); version > kSchemaVersion) {
+        *why = QStringLiteral("it was written by a newer version of Nimbrel (schema %1; this version reads up "
+                              "to %2) and is left as it is; start the newer version, or move the file away to "
+                              "start afresh")
+                   .arg(version)
+                   .arg(kSchemaVersion);
         return Outcome::Failed;
     }
     if (!ensurePrivateFile(m_path, why))
@@ -183,8 +216,6 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
         dropConnection();
         return Outcome::Unusable;
     };
-    if (version > kSchemaVersion)
-        return fail(QStringLiteral("schema version %1 is newer than %2").arg(version).arg(kSchemaVersion));
     if (version == 0 && !tables.isEmpty())
         return fail(QStringLiteral("the file holds tables of another program"));
     for (const QString& table : schemaTables(version)) {
@@ -216,16 +247,24 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
         if (version > 0)
             Log(13, "StateDatabase: migrated %@ from schema %d to %d", m_path, version, kSchemaVersion);
     }
-    QFile::setPermissions(m_path, kOwnerOnly);
     return Outcome::Ready;
 }
 
+// Each unusable file is kept as <path>.corrupt.<n>, n counting up; the newest kKeptCorruptFiles stay.
 bool StateDatabase::moveAside(const QString& why)
 {
     dropConnection();
-    const QString aside = m_path + QStringLiteral(".corrupt");
-    QFile::remove(aside);
-    QFile::remove(aside + QStringLiteral("-wal"));
+    const QFileInfo info(m_path);
+    const QString prefix = info.fileName() + QStringLiteral(".corrupt.");
+    QList<int> numbers;
+    for (const QString& name : info.dir().entryList({prefix + QLatin1Char('*')}, QDir::Files)) {
+        bool ok = false;
+        const int n = name.mid(prefix.size()).toInt(&ok);
+        if (ok && n > 0)
+            numbers << n;
+    }
+    std::sort(numbers.begin(), numbers.end());
+    const QString aside = m_path + QStringLiteral(".corrupt.%1").arg(numbers.isEmpty() ? 1 : numbers.last() + 1);
     // The journal files belong to the bad file: they go with it or they would be replayed into the new one.
     QFile::rename(m_path + QStringLiteral("-wal"), aside + QStringLiteral("-wal"));
     QFile::remove(m_path + QStringLiteral("-shm"));
@@ -233,6 +272,11 @@ bool StateDatabase::moveAside(const QString& why)
         m_error = QStringLiteral("cannot move %1 aside").arg(m_path);
         Log(13, "StateDatabase: %@ (%@)", m_error, why);
         return false;
+    }
+    for (qsizetype i = 0; i + kKeptCorruptFiles - 1 < numbers.size(); ++i) {
+        const QString old = m_path + QStringLiteral(".corrupt.%1").arg(numbers[i]);
+        QFile::remove(old);
+        QFile::remove(old + QStringLiteral("-wal"));
     }
     Log(13, "StateDatabase: moved unusable database %@ to %@ (%@); starting afresh", m_path, aside, why);
     return true;

@@ -15,14 +15,17 @@ namespace nimbrel::background {
 class StateDatabase
 {
 public:
+    static constexpr int kKeptCorruptFiles = 5;
+
     StateDatabase();
     ~StateDatabase();
     StateDatabase(const StateDatabase&) = delete;
     StateDatabase& operator=(const StateDatabase&) = delete;
 
     // Opens `path`, creating it (mode 0600) or migrating it as needed. A file that SQLite cannot read,
-    // that fails its integrity check, that holds tables of someone else or a newer schema is moved
-    // aside to "<path>.corrupt" (logged) and a fresh database is made in its place.
+    // that fails its integrity check or holds tables of someone else is moved aside to
+    // "<path>.corrupt.<n>" (logged; the newest kKeptCorruptFiles are kept) and a fresh database is made
+    // in its place. A file of a newer schema is refused and left untouched (false, lastError() says so).
     bool open(const QString& path);
     void close();
     bool isOpen() const { return !m_name.isEmpty(); }

@@ -1,5 +1,5 @@
 // Update checks: reading the feed, comparing versions, planning the automatic check in virtual time,
-// and what a check leaves behind (SULastCheckTime, the confirmation) against local feed files.
+// and what a check leaves behind (the dates, the error, the confirmation) against local feed files.
 
 #include "BackgroundApp.h"
 #include "UpdateCheck.h"
@@ -110,29 +110,31 @@ TEST(UpdateFeedTest, VersionOrder)
 TEST(UpdateScheduleTest, SecondsUntilNextCheck)
 {
     const QDateTime now(QDate(2024, 5, 1), QTime(12, 0), Qt::UTC);
+    const auto ago = [&now](int seconds) { return std::optional<QDateTime>(now.addSecs(-seconds)); };
+    const std::nullopt_t never = std::nullopt;
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const struct
     {
         const char* name;
         double interval;
-        std::optional<QDateTime> last;
-        bool failed;
+        CheckHistory history; // last good check, last attempt, first start
         std::optional<double> expected;
     } cases[] = {
-        {"off at exactly 1e9", 1e9, now.addSecs(-10), false, std::nullopt},
-        {"off above", 5e9, std::nullopt, false, std::nullopt},
-        {"unreadable interval is off", nan, std::nullopt, false, std::nullopt},
-        {"never checked: at once", 86400, std::nullopt, false, 0},
-        {"checked an hour ago", 86400, now.addSecs(-3600), false, 82800},
-        {"shorter interval", 7200, now.addSecs(-3600), false, 3600},
-        {"overdue: at once", 86400, now.addDays(-3), false, 0},
-        {"overdue after a failure: retry later", 86400, now.addDays(-3), true, kRetryAfterFailure},
-        {"not yet due after a failure", 86400, now.addSecs(-3600), true, 82800},
-        {"tiny interval is raised", 1, now, false, kMinimumCheckInterval},
-        {"last check in the future waits one interval", 86400, now.addDays(10), false, 86400},
+        {"off at exactly 1e9", 1e9, {ago(10), ago(10), never}, std::nullopt},
+        {"unreadable interval is off", nan, {never, never, never}, std::nullopt},
+        {"first start: one interval later", 86400, {never, never, ago(0)}, 86400},
+        {"started an hour ago, never checked", 86400, {never, never, ago(3600)}, 82800},
+        {"checked an hour ago", 86400, {ago(3600), ago(3600), ago(999999)}, 82800},
+        {"shorter interval", 7200, {ago(3600), ago(3600), never}, 3600},
+        {"overdue: at once", 86400, {ago(3 * 86400), ago(3 * 86400), never}, 0},
+        {"failed a minute ago, overdue", 86400, {ago(3 * 86400), ago(60), never}, kRetryAfterFailure - 60},
+        {"failed long ago: at once", 86400, {never, ago(2 * 86400), ago(9 * 86400)}, 0},
+        {"failed after a recent good check", 86400, {ago(7200), ago(3600), never}, 79200},
+        {"tiny interval is raised", 1, {ago(0), ago(0), never}, kMinimumCheckInterval},
+        {"last check in the future waits one interval", 86400, {now.addDays(10), now.addDays(10), never}, 86400},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(secondsUntilNextCheck(c.interval, c.last, now, c.failed), c.expected) << c.name;
+        EXPECT_EQ(secondsUntilNextCheck(c.interval, c.history, now), c.expected) << c.name;
 }
 
 TEST(UpdateScheduleTest, IntervalAndFeedSources)
@@ -204,8 +206,10 @@ TEST_F(UpdateCheckTest, OutcomeOfOneCheck)
         EXPECT_EQ(m_results.value(0).feedRead, c.read);
         EXPECT_EQ(m_results.value(0).newerAvailable, c.newer);
         EXPECT_EQ(m_posted, c.posted ? QStringList{kChecked} : QStringList{});
-        EXPECT_EQ(SettingsStore(m_shared.path()).dateValue(s("SULastCheckTime")),
-                  c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
+        const SettingsStore stored(m_shared.path());
+        EXPECT_EQ(stored.dateValue(s("SULastCheckTime")), c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
+        EXPECT_EQ(stored.dateValue(s("NimbrelUpdateCheckAttempt")), m_clockStart); // failed ones too
+        EXPECT_EQ(stored.value(s("NimbrelUpdateCheckError")).isValid(), !c.read);
     }
 
     // A request while a check runs joins it.
@@ -224,20 +228,24 @@ TEST_F(UpdateCheckTest, AutomaticChecksFollowTheSettingsInVirtualTime)
 {
     const QString feedPath = writeFeed(m_folder, offering(s("0.1")));
     m_shared.setValue(s("checkForUpdateInterval"), 7200.0);
-    m_shared.setValue(s("SULastCheckTime"), m_clockStart.addSecs(-3600));
     auto updates = scheduler(feedPath);
 
+    // The first start checks one interval later, not at once, and remembers when it started.
     updates->reschedule();
-    EXPECT_EQ(m_loop.nextDueTime(), 3600);
+    EXPECT_EQ(m_loop.nextDueTime(), 7200);
+    EXPECT_EQ(m_shared.dateValue(s("NimbrelFirstStart")), m_clockStart);
+    updates = scheduler(feedPath); // a restart an hour later still waits for the same check
+    m_loop.advance(3600);
+    updates->reschedule();
+    EXPECT_EQ(m_loop.nextDueTime(), 7200);
     m_loop.advance(3599);
     EXPECT_FALSE(updates->isChecking());
     m_loop.advance(1);
     ASSERT_TRUE(updates->isChecking());
     ASSERT_TRUE(waitUntil([&] { return !m_results.isEmpty(); }));
-    EXPECT_EQ(m_shared.dateValue(s("SULastCheckTime")), m_clockStart.addSecs(3600));
+    EXPECT_EQ(m_shared.dateValue(s("SULastCheckTime")), m_clockStart.addSecs(7200));
     EXPECT_EQ(m_posted, QStringList{kChecked}); // the date changed: the panel re-reads it
-    EXPECT_EQ(m_loop.nextDueTime(), 3600 + 7200);
-    EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 1);
+    EXPECT_EQ(m_loop.nextDueTime(), 7200 + 7200);
 
     // The panel turns checking off, then on with a day: each change replaces the plan.
     SettingsStore(m_shared.path()).setValue(s("checkForUpdateInterval"), 1e9);
@@ -245,16 +253,18 @@ TEST_F(UpdateCheckTest, AutomaticChecksFollowTheSettingsInVirtualTime)
     EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 0);
     SettingsStore(m_shared.path()).setValue(s("checkForUpdateInterval"), 86400.0);
     updates->reschedule();
-    EXPECT_EQ(m_loop.pendingPerformCount(updates.get()), 1);
-    EXPECT_EQ(m_loop.nextDueTime(), 3600 + 86400);
+    EXPECT_EQ(m_loop.nextDueTime(), 7200 + 86400);
 
-    // A failing automatic check retries an hour later instead of at once, silently.
+    // A failing check is recorded and retried an hour later, silently, also after a restart.
     QFile::remove(feedPath);
     m_posted.clear();
     m_loop.advance(86400);
     ASSERT_TRUE(waitUntil([&] { return m_results.size() == 2; }));
     EXPECT_FALSE(m_results.value(1).feedRead);
     EXPECT_TRUE(m_posted.isEmpty());
+    EXPECT_EQ(m_loop.nextDueTime(), m_loop.now() + kRetryAfterFailure);
+    updates = scheduler(feedPath);
+    updates->reschedule();
     EXPECT_EQ(m_loop.nextDueTime(), m_loop.now() + kRetryAfterFailure);
 
     updates->stop();

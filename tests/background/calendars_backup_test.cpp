@@ -1,8 +1,7 @@
-// Calendar backups (merged components, one VTIMEZONE per TZID, hostile titles) and the database
-// reset that depends on them.
+// Calendar backups: merged components, one VTIMEZONE per TZID, hostile titles.
 
+#include "BackgroundTestSupport.h"
 #include "calendars/CalendarBackup.h"
-#include "StateTestSupport.h"
 
 using namespace nimbrel::background;
 using namespace nimbrel::background::test;
@@ -105,53 +104,6 @@ TEST(CalendarBackupTest, HostileTitlesStayOneLineAndOneFileName)
         }
     }
     EXPECT_TRUE(mergeCalendarFiles(s("a;b,c\\d"), {}).text.contains("X-WR-CALNAME:a\\;b\\,c\\\\d\r\n"));
-}
-
-using StateResetTest = StateFixture;
-
-TEST_F(StateResetTest, BacksUpEveryCalendarThenStartsAfresh)
-{
-    makeCalendar(calendarsRoot, "a", "Same", {{s("1.ics"), calendarFile(event("x"))}});
-    makeCalendar(calendarsRoot, "b", "Same");
-    auto state = openState();
-    state->publishCalendarViaBonjour(m("uid", "a", "publishedToBonjour", true));
-    state->bonjourIPServiceOptions(m("remoteURL", "https://dav.example.org/"));
-    state->setBonjourPublisherInfo(m("bonjourName", "Studio"));
-    posts.clear();
-
-    ASSERT_TRUE(state->resetDatabase()) << state->lastError().toStdString();
-    EXPECT_EQ(posts, QStringList{s("Nimbrel Reset")});
-    const QStringList backups = QDir(backupRoot).entryList(QDir::Files, QDir::Name);
-    ASSERT_EQ(backups.size(), 2); // same title, same second: neither replaces the other
-    QByteArray all;
-    for (const QString& name : backups) {
-        EXPECT_TRUE(name.startsWith(s("Same "))) << name.toStdString();
-        all += readFile(backupRoot + QLatin1Char('/') + name);
-    }
-    EXPECT_EQ(countOf(all, "UID:x"), 1);
-
-    // The folders stay; everything else is fresh.
-    EXPECT_EQ(column(state->calendarsPublishableViaBonjour(), "publishedToBonjour"),
-              (QStringList{s("false"), s("false")}));
-    EXPECT_TRUE(state->sourceListOfBonjourCalendars().isEmpty());
-    EXPECT_NE(state->bonjourPublisherInfo().value(s("bonjourName")), s("Studio"));
-    EXPECT_EQ(sql1(dbPath, "SELECT COUNT(*) FROM sync_history").toInt(), 0);
-}
-
-TEST_F(StateResetTest, FailedBackupEmptiesNothing)
-{
-    makeCalendar(calendarsRoot, "a", "A");
-    writeFile(backupRoot, "a file where the backup folder should be");
-    auto state = openState();
-    state->publishCalendarViaBonjour(m("uid", "a", "publishedToBonjour", true));
-    const QVariantList before = answers(*state);
-    posts.clear();
-
-    EXPECT_FALSE(state->resetDatabase());
-    EXPECT_FALSE(state->lastError().isEmpty());
-    EXPECT_TRUE(posts.isEmpty()); // unconfirmed: the panel reports the failure when its wait ends
-    EXPECT_EQ(answers(*state), before);
-    EXPECT_EQ(sql1(dbPath, "SELECT COUNT(*) FROM sync_history").toInt(), 1);
 }
 
 } // namespace
