@@ -88,18 +88,23 @@ public:
             const QString folder = calendars + QLatin1Char('/') + uid;
             QDir().mkdir(folder);
             m_folders << folder;
-            const QByteArray event = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//bench//EN\r\nBEGIN:VEVENT\r\n"
-                                     "UID:" + uid.toUtf8() + "\r\nDTSTART:20240101T100000Z\r\nSUMMARY:Event " +
-                                     QByteArray::number(i) + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+            const QByteArray event =
+                "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//bench//EN\r\nBEGIN:VEVENT\r\n"
+                "UID:" +
+                uid.toUtf8() + "\r\nDTSTART:20240101T100000Z\r\nSUMMARY:Event " + QByteArray::number(i) +
+                "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
             if (!writeFile(folder + s("/displayname"), "Calendar " + QByteArray::number(i) + '\n') ||
                 !writeFile(folder + s("/color"), "#3366CC\n") ||
                 !writeFile(folder + QLatin1Char('/') + uid + s(".ics"), event))
                 return fail("cannot write the calendars");
         }
         m_environment = QProcessEnvironment::systemEnvironment();
-        const std::pair<const char*, const char*> variables[] = {
-            {"HOME", "home"},          {"XDG_DATA_HOME", "data"},   {"XDG_CONFIG_HOME", "config"},
-            {"XDG_STATE_HOME", "state"}, {"XDG_CACHE_HOME", "cache"}, {"XDG_RUNTIME_DIR", "runtime"}};
+        const std::pair<const char*, const char*> variables[] = {{"HOME", "home"},
+                                                                 {"XDG_DATA_HOME", "data"},
+                                                                 {"XDG_CONFIG_HOME", "config"},
+                                                                 {"XDG_STATE_HOME", "state"},
+                                                                 {"XDG_CACHE_HOME", "cache"},
+                                                                 {"XDG_RUNTIME_DIR", "runtime"}};
         for (const auto& [name, sub] : variables)
             m_environment.insert(s(name), m_root.filePath(s(sub)));
         m_environment.insert(s("NIMBREL_UPDATE_FEED"), feed);
@@ -227,7 +232,8 @@ void BM_EditToNotice10000(benchmark::State& state)
         while (phase < 2) {
             QElapsedTimer clock;
             clock.start();
-            const bool answered = connection.call(call, QDBus::Block, 60000).type() == QDBusMessage::ReplyMessage;
+            const bool answered =
+                connection.call(call, QDBus::Block, 60000).type() == QDBusMessage::ReplyMessage;
             const qint64 waited = clock.nsecsElapsed();
             if (const int p = phase; answered && p >= 0 && p < 2 && waited > longestWaitNs[p])
                 longestWaitNs[p] = waited;

@@ -3,12 +3,12 @@
 #include "NimbrelState.h"
 #include "SharedSettings.h"
 #include "UpdateCheck.h"
-#include "protocol/AppProtocol.h"
-#include "protocol/NotificationBus.h"
 #include "logging/Log.h"
 #include "platform/Bundle.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
+#include "protocol/AppProtocol.h"
+#include "protocol/NotificationBus.h"
 #include "protocol/Notifications.h"
 
 #include <QDBusMessage>
@@ -223,8 +223,8 @@ int BackgroundApp::start()
     connect(m_service.get(), &BackgroundService::shutdownRequested, this,
             [this] { stop(QStringLiteral("shutdown requested")); });
     m_options.connection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
-                                 QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this,
-                                 SLOT(busDisconnected()));
+                                 QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"),
+                                 this, SLOT(busDisconnected()));
     m_updates->reschedule();
 
     m_serving = true;
@@ -300,11 +300,12 @@ bool BackgroundApp::lockDataFolder()
     QString host;
     QString application;
     if (m_lock->error() == QLockFile::LockFailedError && m_lock->getLockInfo(&pid, &host, &application))
-        printError(QStringLiteral("Nimbrel is already running on this data folder: %1 is in use by process %2 on "
-                                  "%3 (another session of this user).")
-                       .arg(m_options.dataFolder)
-                       .arg(pid)
-                       .arg(host));
+        printError(
+            QStringLiteral("Nimbrel is already running on this data folder: %1 is in use by process %2 on "
+                           "%3 (another session of this user).")
+                .arg(m_options.dataFolder)
+                .arg(pid)
+                .arg(host));
     else
         printError(QStringLiteral("Nimbrel: cannot lock the data folder %1 (%2).")
                        .arg(m_options.dataFolder, m_lock->error() == QLockFile::PermissionError

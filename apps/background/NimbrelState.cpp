@@ -2,9 +2,8 @@
 
 #include "NimbrelStatePrivate.h"
 #include "calendars/CalendarBackup.h"
-#include "state/SyncHistory.h"
-
 #include "platform/RunLoop.h"
+#include "state/SyncHistory.h"
 
 #include <QDateTime>
 #include <QSqlQuery>
@@ -306,7 +305,8 @@ bool NimbrelState::resetDatabase()
         }
         QStringList written;
         QString error;
-        if (!backupCalendars(d->backupSources(), d->backupRoot, QDateTime::currentDateTime(), &written, &error)) {
+        if (!backupCalendars(d->backupSources(), d->backupRoot, QDateTime::currentDateTime(), &written,
+                             &error)) {
             d->lastError = error;
             return false;
         }
@@ -360,12 +360,15 @@ QStringList NimbrelState::diagnostics() const
     lines << QStringLiteral("Calendars folder: %1").arg(d->calendarsRoot);
     lines << QStringLiteral("Local calendars: %1 (published via Bonjour: %2, to Google: %3)")
                  .arg(count("SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL"))
-                 .arg(count("SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL AND published_bonjour != 0"))
-                 .arg(count("SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL AND published_google != 0"));
+                 .arg(count(
+                     "SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL AND published_bonjour != 0"))
+                 .arg(count(
+                     "SELECT COUNT(*) FROM calendars WHERE vanished_at IS NULL AND published_google != 0"));
     lines << QStringLiteral("Subscriptions: %1 (subscribed: %2)")
                  .arg(count("SELECT COUNT(*) FROM subscriptions"))
                  .arg(count("SELECT COUNT(*) FROM subscriptions WHERE subscribed != 0"));
-    lines << QStringLiteral("Remote servers: %1").arg(count("SELECT COUNT(*) FROM sources WHERE kind = 'server'"));
+    lines << QStringLiteral("Remote servers: %1")
+                 .arg(count("SELECT COUNT(*) FROM sources WHERE kind = 'server'"));
     lines << QStringLiteral("Google account: %1")
                  .arg(count("SELECT COUNT(*) FROM sources WHERE kind = 'google'") > 0 ? QStringLiteral("yes")
                                                                                       : QStringLiteral("no"));

@@ -16,8 +16,9 @@ constexpr int kMaxBonjourNameBytes = 63;
 // Keys that we compute when answering (or that name the record's place); they are never stored.
 QVariantMap withoutComputedKeys(QVariantMap map)
 {
-    for (const char* key : {"uid", "source", "calendars", "offline", "syncTime", "syncError", "running", "version",
-                            "hasSubscriptions", "hasPublishing", "newGoogleService", "subscribedTo", "bonjour"})
+    for (const char* key :
+         {"uid", "source", "calendars", "offline", "syncTime", "syncError", "running", "version",
+          "hasSubscriptions", "hasPublishing", "newGoogleService", "subscribedTo", "bonjour"})
         map.remove(QLatin1String(key));
     return map;
 }
@@ -232,12 +233,12 @@ void NimbrelState::setBonjourPublisherInfo(const QVariantMap& info)
         if (name.toUtf8().size() > kMaxBonjourNameBytes)
             return QStringLiteral("the Bonjour name is longer than %1 bytes").arg(kMaxBonjourNameBytes);
         if (port < 0 || port > 65535)
-            return QStringLiteral("the port %1 is not a port: use 1-65535, or 0 for an automatic port").arg(port);
+            return QStringLiteral("the port %1 is not a port: use 1-65535, or 0 for an automatic port")
+                .arg(port);
         if (!d->sources.setPublisherInfo(name, port))
             return d->db.writeProblem();
         return {};
     });
 }
-
 
 } // namespace nimbrel::background

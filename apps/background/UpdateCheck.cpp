@@ -1,9 +1,9 @@
 #include "UpdateCheck.h"
 
+#include "SharedSettings.h"
 #include "logging/Log.h"
 #include "platform/RunLoop.h"
 #include "platform/SettingsStore.h"
-#include "SharedSettings.h"
 #include "protocol/Notifications.h"
 
 #include <QCoreApplication>
@@ -136,13 +136,15 @@ int compareVersions(const QString& a, const QString& b)
     return QString::compare(suffixA, suffixB, Qt::CaseInsensitive) < 0 ? -1 : 1;
 }
 
-std::optional<double> secondsUntilNextCheck(double interval, const CheckHistory& history, const QDateTime& now)
+std::optional<double> secondsUntilNextCheck(double interval, const CheckHistory& history,
+                                            const QDateTime& now)
 {
     if (!std::isfinite(interval) || interval >= kAutoCheckOffInterval)
         return std::nullopt;
     const double effective = std::max(interval, kMinimumCheckInterval);
     const auto secondsSince = [&now](const std::optional<QDateTime>& date) {
-        return date && date->isValid() ? std::optional<double>(double(date->msecsTo(now)) / 1000.0) : std::nullopt;
+        return date && date->isValid() ? std::optional<double>(double(date->msecsTo(now)) / 1000.0)
+                                       : std::nullopt;
     };
     const std::optional<double> sinceCheck = secondsSince(history.lastCheck);
     const std::optional<double> sinceAttempt = secondsSince(history.lastAttempt);
@@ -281,10 +283,9 @@ void UpdateScheduler::reschedule()
         !m_shared.setValue(kFirstStartKey, m_clock().toUTC()))
         Log(13, "checkForUpdate: %@ could not be written to %@", kFirstStartKey, m_shared.path());
     const double interval = updateCheckInterval(m_shared, m_userDefaults);
-    const std::optional<double> delay =
-        secondsUntilNextCheck(interval, {history.lastCheck, history.lastAttempt,
-                                         history.firstStart.value_or(m_clock().toUTC())},
-                              m_clock());
+    const std::optional<double> delay = secondsUntilNextCheck(
+        interval, {history.lastCheck, history.lastAttempt, history.firstStart.value_or(m_clock().toUTC())},
+        m_clock());
     if (!delay) {
         Log(5, "Automatic update checks are off");
         return;
@@ -320,9 +321,10 @@ void UpdateScheduler::checkFinished(const UpdateCheckResult& result)
     const bool requested = std::exchange(m_requestPending, false);
     // Every attempt is recorded, so that a failing feed is not tried again on every start.
     const QDateTime now = m_clock().toUTC();
-    const bool recorded = m_shared.setValue(kAttemptKey, now) &&
-                          (result.feedRead ? m_shared.setValue(kLastCheckKey, now) && m_shared.remove(kErrorKey)
-                                           : m_shared.setValue(kErrorKey, result.error));
+    const bool recorded =
+        m_shared.setValue(kAttemptKey, now) &&
+        (result.feedRead ? m_shared.setValue(kLastCheckKey, now) && m_shared.remove(kErrorKey)
+                         : m_shared.setValue(kErrorKey, result.error));
     if (!recorded)
         Log(13, "checkForUpdate: the outcome could not be written to %@", m_shared.path());
     if ((requested || result.feedRead) && m_post)

@@ -61,7 +61,8 @@ struct CheckHistory
 // after the last check (or after the first start when there was none); after a failed attempt not
 // before kRetryAfterFailure has passed. Never negative (an overdue check runs at once) and never more
 // than one interval (a date in the future, the clock set back).
-std::optional<double> secondsUntilNextCheck(double interval, const CheckHistory& history, const QDateTime& now);
+std::optional<double> secondsUntilNextCheck(double interval, const CheckHistory& history,
+                                            const QDateTime& now);
 
 // "checkForUpdateInterval" from the shared settings, else the defaults, else kDefaultCheckInterval.
 double updateCheckInterval(const SettingsStore& shared, const QVariantMap& userDefaults);

@@ -25,7 +25,8 @@ using nimbrel::test::s;
 
 // m("key", value, "key", value, ...): a dictionary, C strings taken as text.
 inline void put(QVariantMap&) {}
-template <class V, class... Rest> void put(QVariantMap& map, const char* key, const V& value, const Rest&... rest)
+template <class V, class... Rest>
+void put(QVariantMap& map, const char* key, const V& value, const Rest&... rest)
 {
     if constexpr (std::is_convertible_v<V, const char*>)
         map.insert(s(key), s(value));

@@ -16,7 +16,8 @@ namespace {
 
 QByteArray event(const char* uid)
 {
-    return "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:" + QByteArray(uid) + "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
+    return "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:" + QByteArray(uid) +
+           "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
 }
 
 QString tagOf(const QByteArray& data)
@@ -107,10 +108,14 @@ TEST_F(CalendarStoreTest, WritesAreAtomicConditionalAndLoggedAtOnce)
         bool created;
     } cases[] = {
         {"create", "cal", "new.ics", event("n"), "", "*", StoreWrite::Ok, true},
-        {"create over an existing item", "cal", "a.ics", event("x"), "", "*", StoreWrite::PreconditionFailed, false},
-        {"update with a stale tag", "cal", "a.ics", event("x"), "0123", "", StoreWrite::PreconditionFailed, false},
-        {"update with the current tag", "cal", "a.ics", event("a2"), a.constData(), "", StoreWrite::Ok, false},
-        {"update of a missing item", "cal", "none.ics", event("x"), "*", "", StoreWrite::PreconditionFailed, false},
+        {"create over an existing item", "cal", "a.ics", event("x"), "", "*", StoreWrite::PreconditionFailed,
+         false},
+        {"update with a stale tag", "cal", "a.ics", event("x"), "0123", "", StoreWrite::PreconditionFailed,
+         false},
+        {"update with the current tag", "cal", "a.ics", event("a2"), a.constData(), "", StoreWrite::Ok,
+         false},
+        {"update of a missing item", "cal", "none.ics", event("x"), "*", "", StoreWrite::PreconditionFailed,
+         false},
         {"unconditional replace", "cal", "b.ics", event("b2"), "", "", StoreWrite::Ok, false},
         {"leaves the folder", "cal", "../other/x.ics", event("x"), "", "", StoreWrite::BadHref, false},
         {"hidden file", "cal", ".x.ics", event("x"), "", "", StoreWrite::BadHref, false},
@@ -139,7 +144,8 @@ TEST_F(CalendarStoreTest, WritesAreAtomicConditionalAndLoggedAtOnce)
         EXPECT_EQ(since.changed[0].href, s(c.href));
         EXPECT_EQ(since.changed[0].etag, result.etag);
     }
-    EXPECT_EQ(QDir(root + s("/cal")).entryList(QDir::Files | QDir::Hidden).size(), 5) << "a temporary file is left";
+    EXPECT_EQ(QDir(root + s("/cal")).entryList(QDir::Files | QDir::Hidden).size(), 5)
+        << "a temporary file is left";
 
     const QString before = token();
     EXPECT_EQ(store->removeItem(s("cal"), s("new.ics"), s("0123")).status, StoreWrite::PreconditionFailed);
@@ -163,8 +169,10 @@ TEST_F(CalendarStoreTest, TokensTellUnknownFromStale)
     EXPECT_EQ(initial.syncToken, first);
     const QString epoch = first.section(QLatin1Char('-'), 0, 0);
     const QString otherEpoch = (epoch == s("00000000") ? s("11111111") : s("00000000"));
-    for (const QString& unknown : {s("garbage"), otherEpoch + s("-1"), epoch + s("-999999"), epoch + s("-1-2")})
-        EXPECT_EQ(store->changesSince(s("cal"), unknown).status, SyncChanges::UnknownToken) << qPrintable(unknown);
+    for (const QString& unknown :
+         {s("garbage"), otherEpoch + s("-1"), epoch + s("-999999"), epoch + s("-1-2")})
+        EXPECT_EQ(store->changesSince(s("cal"), unknown).status, SyncChanges::UnknownToken)
+            << qPrintable(unknown);
     EXPECT_EQ(store->changesSince(s("nope"), first).status, SyncChanges::NoCalendar);
 
     // Beyond the tombstones kept, older tokens are stale; newer ones still answer.
@@ -185,7 +193,7 @@ TEST_F(CalendarStoreTest, TokensTellUnknownFromStale)
 TEST_F(CalendarStoreTest, HandEditsReachTheLogInOneBatch)
 {
     const QString before = token();
-    writeFile(root + s("/cal/c.ics"), event("c"));       // added
+    writeFile(root + s("/cal/c.ics"), event("c"));        // added
     writeFile(root + s("/cal/a.ics"), event("a-edited")); // edited in place
     QFile::remove(root + s("/cal/b.ics"));                // removed
     writeFile(root + s("/cal/notes.txt"), "not an item");
@@ -199,9 +207,9 @@ TEST_F(CalendarStoreTest, HandEditsReachTheLogInOneBatch)
     for (const CalendarChange& change : batches[0])
         kinds << change.uid + QLatin1Char(':') + change.kind + QLatin1Char(':') + change.detail;
     kinds.sort();
-    EXPECT_EQ(kinds, (QStringList{s("cal:calendarRenamed:"), s("cal:itemAdded:c.ics"), s("cal:itemChanged:a.ics"),
-                                  s("cal:itemRemoved:b.ics"), s("fresh:calendarAdded:"),
-                                  s("other:calendarRemoved:")}));
+    EXPECT_EQ(kinds, (QStringList{s("cal:calendarRenamed:"), s("cal:itemAdded:c.ics"),
+                                  s("cal:itemChanged:a.ics"), s("cal:itemRemoved:b.ics"),
+                                  s("fresh:calendarAdded:"), s("other:calendarRemoved:")}));
     const SyncChanges since = store->changesSince(s("cal"), before);
     EXPECT_EQ(since.deleted, QStringList{s("b.ics")});
     EXPECT_EQ(since.changed.size(), 2);

@@ -60,7 +60,8 @@ protected:
         qunsetenv("NIMBREL_UPDATE_FEED");
     }
 
-    BackgroundOptions optionsIn(const QString& folder, const QDBusConnection& bus = QDBusConnection::sessionBus())
+    BackgroundOptions optionsIn(const QString& folder,
+                                const QDBusConnection& bus = QDBusConnection::sessionBus())
     {
         BackgroundOptions options;
         options.connection = bus;
@@ -103,14 +104,16 @@ protected:
     }
     QVariantList calendars()
     {
-        return onClient([](AppProtocolProxy& p) { return p.calendarsPublishableViaBonjour().value_or(QVariantList()); });
+        return onClient(
+            [](AppProtocolProxy& p) { return p.calendarsPublishableViaBonjour().value_or(QVariantList()); });
     }
     QVariantList answers()
     {
         return onClient([](AppProtocolProxy& p) {
             return QVariantList{p.calendarsPublishableViaBonjour().value_or(QVariantList()),
                                 p.sourceListOfBonjourCalendars().value_or(QVariantList()),
-                                p.sourceListOfGoogleCalendars().value_or(QVariantList()), p.bonjourPublisherInfo()};
+                                p.sourceListOfGoogleCalendars().value_or(QVariantList()),
+                                p.bonjourPublisherInfo()};
         });
     }
     // Sends a one-way request and waits for the notice that answers it.
@@ -147,9 +150,11 @@ protected:
         ASSERT_EQ(calendars().size(), 2);
         sql(db(), "INSERT INTO sources VALUES ('server-1', 'server', ?)",
             {blob(m("title", "Office", "remoteURL", "https://dav.example.org/"))});
-        sql(db(), "INSERT INTO sources VALUES ('google-1', 'google', ?)", {blob(m("remoteLogin", "me@example.org"))});
+        sql(db(), "INSERT INTO sources VALUES ('google-1', 'google', ?)",
+            {blob(m("remoteLogin", "me@example.org"))});
         sql(db(), "INSERT INTO subscriptions VALUES ('sub-1', 'server-1', 0, ?)", {blob(m("title", "Team"))});
-        sql(db(), "INSERT INTO subscriptions VALUES ('sub-g', 'google-1', 1, ?)", {blob(m("title", "Holidays"))});
+        sql(db(), "INSERT INTO subscriptions VALUES ('sub-g', 'google-1', 1, ?)",
+            {blob(m("title", "Holidays"))});
         sql(db(), "UPDATE calendars SET published_google = 1 WHERE uid = 'cal-b'");
     }
 };
@@ -168,8 +173,8 @@ TEST_F(ServiceChangesTest, EachChangeIsOnDiskBeforeItsOneNotice)
         {"publishCalendarViaBonjour", m("uid", "cal-a", "publishedToBonjour", true), kPublishable,
          "SELECT published_bonjour FROM calendars WHERE uid = 'cal-a'", 1},
         {"publishOptions", m("uid", "cal-a", "readPassword", "r", "writePassword", "w", "readOnly", true),
-         kPublishable, "SELECT read_password || write_password || read_only FROM calendars WHERE uid = 'cal-a'",
-         s("rw1")},
+         kPublishable,
+         "SELECT read_password || write_password || read_only FROM calendars WHERE uid = 'cal-a'", s("rw1")},
         {"publishCalendarToGoogle", m("uid", "cal-a", "publishedToGoogle", qint64(1)), kGoogle,
          "SELECT published_google FROM calendars WHERE uid = 'cal-a'", 1},
         {"subscribeTo", m("uid", "sub-1", "subscribedTo", true), kBonjour,
@@ -233,11 +238,13 @@ TEST_F(ServiceChangesTest, BadInputIsLoggedChangesNothingAndStillPosts)
          "\"writePassword\" is not a string"},
         {"publishCalendarToGoogle", m("uid", "sub-g", "publishedToGoogle", true), kGoogle,
          "no local calendar has the uid sub-g"},
-        {"subscribeTo", m("uid", "cal-a", "subscribedTo", true), kBonjour, "no subscription has the uid cal-a"},
+        {"subscribeTo", m("uid", "cal-a", "subscribedTo", true), kBonjour,
+         "no subscription has the uid cal-a"},
         {"bonjourIPServiceOptions", m("title", "X"), kBonjour, "\"remoteURL\" is missing or empty"},
         {"bonjourIPServiceOptions", m("uid", "google-1", "remoteURL", "https://x.example/"), kBonjour,
          "is the Google account's"},
-        {"disconnectBonjourIPService", m("uid", "google-1"), kBonjour, "no remote server has the uid google-1"},
+        {"disconnectBonjourIPService", m("uid", "google-1"), kBonjour,
+         "no remote server has the uid google-1"},
         {"googleServiceOptions", m("syncOptions", "daily"), kGoogle, "\"syncOptions\" is not a dictionary"},
         {"setBonjourPublisherInfo", m("bonjourName", "  "), kNamePublished, "the Bonjour name is empty"},
         {"setBonjourPublisherInfo", m("bonjourName", QString(32, QChar(0xE9))), kNamePublished,
@@ -279,10 +286,10 @@ TEST_F(ServiceChangesTest, AnswersCarryWhatThePanelReads)
     EXPECT_FALSE(server.contains(s("syncTime")));
     EXPECT_EQ(column(server.value(s("calendars")).toList(), "uid"), QStringList{s("sub-1")});
     const QVariantMap account = all[2].toList().value(0).toMap();
-    EXPECT_TRUE(account.value(s("hasPublishing")).toBool());    // cal-b
-    EXPECT_TRUE(account.value(s("hasSubscriptions")).toBool()); // sub-g
+    EXPECT_TRUE(account.value(s("hasPublishing")).toBool());                   // cal-b
+    EXPECT_TRUE(account.value(s("hasSubscriptions")).toBool());                // sub-g
     EXPECT_FALSE(all[3].toMap().value(s("bonjourName")).toString().isEmpty()); // the host name
-    EXPECT_FALSE(all[3].toMap().contains(s("portNumber")));                     // automatic
+    EXPECT_FALSE(all[3].toMap().contains(s("portNumber")));                    // automatic
 }
 
 // A restore or a sync tool that takes a folder away and brings it back must not lose its publishing.
@@ -290,7 +297,8 @@ TEST_F(ServiceChangesTest, AVanishedCalendarGetsItsSettingsBack)
 {
     ASSERT_TRUE(request(s("publishOptions"), m("uid", "cal-a", "readPassword", "r", "writePassword", "w"),
                         kPublishable));
-    ASSERT_TRUE(request(s("publishCalendarViaBonjour"), m("uid", "cal-a", "publishedToBonjour", true), kPublishable));
+    ASSERT_TRUE(
+        request(s("publishCalendarViaBonjour"), m("uid", "cal-a", "publishedToBonjour", true), kPublishable));
     m_posted.clear();
     ASSERT_TRUE(QDir().rename(m_calendars + s("/cal-a"), m_folder + s("/cal-a")));
     ASSERT_TRUE(waitUntil([&] { return m_posted.contains(kCalendarsChanged); }));
@@ -306,7 +314,8 @@ TEST_F(ServiceChangesTest, AVanishedCalendarGetsItsSettingsBack)
 
 TEST_F(ServiceChangesTest, ResetBacksUpEveryCalendarThenStartsAfreshOrChangesNothing)
 {
-    ASSERT_TRUE(request(s("publishCalendarViaBonjour"), m("uid", "cal-a", "publishedToBonjour", true), kPublishable));
+    ASSERT_TRUE(
+        request(s("publishCalendarViaBonjour"), m("uid", "cal-a", "publishedToBonjour", true), kPublishable));
     // Unconfirmed when the backup fails: the panel reports it when its wait ends.
     writeFile(m_options.backupFolder, "a file where the backup folder should be");
     const QVariantList before = answers();
@@ -336,7 +345,8 @@ TEST_F(ServiceTest, OneInstancePerBusAndPerDataFolder)
     EXPECT_FALSE(QFileInfo::exists(second.databasePath));
     // Another session's bus, the same data folder: refused by the lock, saying who holds it.
     PrivateBus otherSession;
-    BackgroundOptions other = optionsIn(m_folder, QDBusConnection::connectToBus(otherSession.address(), s("other")));
+    BackgroundOptions other =
+        optionsIn(m_folder, QDBusConnection::connectToBus(otherSession.address(), s("other")));
     {
         StderrCapture said;
         EXPECT_EQ(BackgroundApp(other).start(), BackgroundApp::ExitAlreadyRunning);
@@ -421,14 +431,16 @@ TEST_F(ServiceTest, SupportInformationAndLogTextAndACorruptSettingsFile)
     shared.setValue(s("lastResetDate"), QDateTime(QDate(2024, 3, 4), QTime(9, 26, 53), Qt::UTC));
     const QString kept = m_options.settingsPath + s(".corrupt");
     EXPECT_EQ(readFile(kept), "this is not a property list");
-    EXPECT_TRUE(log.text().contains(s("could not be read; it was kept as ") + kept)) << qPrintable(log.text());
+    EXPECT_TRUE(log.text().contains(s("could not be read; it was kept as ") + kept))
+        << qPrintable(log.text());
 
     // The support block is written before the reply, without passwords; a text is never a format.
     const QString text = onClient([&](AppProtocolProxy& proxy) {
         proxy.techSupportInfo();
         return log.text();
     });
-    for (const char* expected : {"Protocol version 5", "Qt ", "lastResetDate = 2024-03-04T09:26:53Z", "Local calendars: 2"})
+    for (const char* expected :
+         {"Protocol version 5", "Qt ", "lastResetDate = 2024-03-04T09:26:53Z", "Local calendars: 2"})
         EXPECT_TRUE(text.contains(s(expected))) << expected << "\n" << qPrintable(text);
     EXPECT_FALSE(text.contains(s("hunter2")));
     AppProtocolProxy(m_client).log(s("100% sure: %d %@ %s %n %%"));

@@ -95,7 +95,8 @@ TEST_F(StateDatabaseTest, AFileOfANewerVersionIsRefusedAndLeftAsItIs)
     StderrCapture log;
     EXPECT_FALSE(db.open(path));
     EXPECT_FALSE(db.isOpen());
-    EXPECT_TRUE(db.lastError().contains(s("newer version of Nimbrel (schema 99"))) << qPrintable(db.lastError());
+    EXPECT_TRUE(db.lastError().contains(s("newer version of Nimbrel (schema 99")))
+        << qPrintable(db.lastError());
     EXPECT_TRUE(log.text().contains(db.lastError()));
     EXPECT_EQ(readFile(path), original);
     EXPECT_EQ(modeOf(path), 0644u);
@@ -112,7 +113,8 @@ TEST_F(StateDatabaseTest, OlderVersionsAreMigratedKeepingTheirRows)
               " published_bonjour INTEGER NOT NULL DEFAULT 0, published_google INTEGER NOT NULL DEFAULT 0,"
               " read_password TEXT NOT NULL DEFAULT '', write_password TEXT NOT NULL DEFAULT '',"
               " read_only INTEGER NOT NULL DEFAULT 0)",
-              "CREATE TABLE sources (uid TEXT PRIMARY KEY NOT NULL, kind TEXT NOT NULL, settings BLOB NOT NULL)",
+              "CREATE TABLE sources (uid TEXT PRIMARY KEY NOT NULL, kind TEXT NOT NULL, settings BLOB NOT "
+              "NULL)",
               "CREATE TABLE subscriptions (uid TEXT PRIMARY KEY NOT NULL, source_uid TEXT NOT NULL,"
               " subscribed INTEGER NOT NULL DEFAULT 0, record BLOB NOT NULL)",
               "CREATE TABLE settings (key TEXT PRIMARY KEY NOT NULL, value)",

@@ -131,7 +131,10 @@ TEST(UpdateScheduleTest, SecondsUntilNextCheck)
         {"failed long ago: at once", 86400, {never, ago(2 * 86400), ago(9 * 86400)}, 0},
         {"failed after a recent good check", 86400, {ago(7200), ago(3600), never}, 79200},
         {"tiny interval is raised", 1, {ago(0), ago(0), never}, kMinimumCheckInterval},
-        {"last check in the future waits one interval", 86400, {now.addDays(10), now.addDays(10), never}, 86400},
+        {"last check in the future waits one interval",
+         86400,
+         {now.addDays(10), now.addDays(10), never},
+         86400},
     };
     for (const auto& c : cases)
         EXPECT_EQ(secondsUntilNextCheck(c.interval, c.history, now), c.expected) << c.name;
@@ -207,7 +210,8 @@ TEST_F(UpdateCheckTest, OutcomeOfOneCheck)
         EXPECT_EQ(m_results.value(0).newerAvailable, c.newer);
         EXPECT_EQ(m_posted, c.posted ? QStringList{kChecked} : QStringList{});
         const SettingsStore stored(m_shared.path());
-        EXPECT_EQ(stored.dateValue(s("SULastCheckTime")), c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
+        EXPECT_EQ(stored.dateValue(s("SULastCheckTime")),
+                  c.read ? std::optional<QDateTime>(m_clockStart) : std::nullopt);
         EXPECT_EQ(stored.dateValue(s("NimbrelUpdateCheckAttempt")), m_clockStart); // failed ones too
         EXPECT_EQ(stored.value(s("NimbrelUpdateCheckError")).isValid(), !c.read);
     }

@@ -209,8 +209,8 @@ TEST_F(BackgroundAppTest, EndsWhenItsBusGoesAway)
 
 TEST_F(BackgroundAppTest, ADatabaseOfANewerVersionIsLeftAloneAndSaid)
 {
-    const QString database = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
-                             s("/Nimbrel/Nimbrel.nsql");
+    const QString database =
+        QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + s("/Nimbrel/Nimbrel.nsql");
     QDir().mkpath(QFileInfo(database).path());
     background::test::sql(database, "CREATE TABLE calendars (uid TEXT)");
     background::test::sql(database, "PRAGMA user_version = 99");

@@ -12,21 +12,23 @@ namespace nimbrel::background {
 struct CalendarIndex::Statements
 {
     explicit Statements(const QSqlDatabase& db)
-        : insertCalendar(db), deleteCalendar(db), deleteItems(db), deleteLog(db), updateCalendar(db), touch(db),
-          upsertItem(db), restamp(db), deleteItem(db), logChange(db)
+        : insertCalendar(db), deleteCalendar(db), deleteItems(db), deleteLog(db), updateCalendar(db),
+          touch(db), upsertItem(db), restamp(db), deleteItem(db), logChange(db)
     {
-        insertCalendar.prepare(QStringLiteral(
-            "INSERT OR REPLACE INTO local_calendars (uid, title, color, token, first_token) VALUES (?, ?, ?, ?, ?)"));
+        insertCalendar.prepare(QStringLiteral("INSERT OR REPLACE INTO local_calendars (uid, title, color, "
+                                              "token, first_token) VALUES (?, ?, ?, ?, ?)"));
         deleteCalendar.prepare(QStringLiteral("DELETE FROM local_calendars WHERE uid = ?"));
         deleteItems.prepare(QStringLiteral("DELETE FROM local_items WHERE calendar_uid = ?"));
         deleteLog.prepare(QStringLiteral("DELETE FROM change_log WHERE calendar_uid = ?"));
-        updateCalendar.prepare(QStringLiteral("UPDATE local_calendars SET title = ?, color = ?, token = ? WHERE uid = ?"));
+        updateCalendar.prepare(
+            QStringLiteral("UPDATE local_calendars SET title = ?, color = ?, token = ? WHERE uid = ?"));
         touch.prepare(QStringLiteral("UPDATE local_calendars SET token = ? WHERE uid = ?"));
         upsertItem.prepare(QStringLiteral("INSERT OR REPLACE INTO local_items "
                                           "(calendar_uid, href, etag, size, mtime_ns, ctime_ns, inode) "
                                           "VALUES (?, ?, ?, ?, ?, ?, ?)"));
-        restamp.prepare(QStringLiteral("UPDATE local_items SET size = ?, mtime_ns = ?, ctime_ns = ?, inode = ? "
-                                       "WHERE calendar_uid = ? AND href = ?"));
+        restamp.prepare(
+            QStringLiteral("UPDATE local_items SET size = ?, mtime_ns = ?, ctime_ns = ?, inode = ? "
+                           "WHERE calendar_uid = ? AND href = ?"));
         deleteItem.prepare(QStringLiteral("DELETE FROM local_items WHERE calendar_uid = ? AND href = ?"));
         logChange.prepare(QStringLiteral(
             "INSERT OR REPLACE INTO change_log (calendar_uid, href, token, deleted) VALUES (?, ?, ?, ?)"));
@@ -36,13 +38,14 @@ struct CalendarIndex::Statements
     {
         for (int i = 0; i < values.size(); ++i) {
             const bool nullText = values[i].typeId() == QMetaType::QString && values[i].toString().isNull();
-            q.bindValue(i, nullText ? QVariant(QString::fromLatin1("")) : values[i]); // text columns are NOT NULL
+            q.bindValue(i, nullText ? QVariant(QString::fromLatin1(""))
+                                    : values[i]); // text columns are NOT NULL
         }
         return q.exec();
     }
 
-    QSqlQuery insertCalendar, deleteCalendar, deleteItems, deleteLog, updateCalendar, touch, upsertItem, restamp,
-        deleteItem, logChange;
+    QSqlQuery insertCalendar, deleteCalendar, deleteItems, deleteLog, updateCalendar, touch, upsertItem,
+        restamp, deleteItem, logChange;
 };
 
 CalendarIndex::CalendarIndex(StateDatabase& db) : m_db(db) {}
@@ -70,8 +73,10 @@ bool CalendarIndex::load()
         m_epoch = q.value(0).toString();
         m_counter = q.value(1).toLongLong();
     } else {
-        m_epoch = QString::number(QRandomGenerator::system()->generate(), 16).rightJustified(8, QLatin1Char('0'));
-        if (!m_db.exec(QStringLiteral("INSERT INTO change_counter (epoch, counter) VALUES (?, 0)"), {m_epoch}))
+        m_epoch =
+            QString::number(QRandomGenerator::system()->generate(), 16).rightJustified(8, QLatin1Char('0'));
+        if (!m_db.exec(QStringLiteral("INSERT INTO change_counter (epoch, counter) VALUES (?, 0)"),
+                       {m_epoch}))
             return false;
     }
     if (!q.exec(QStringLiteral("SELECT uid, title, color, token, first_token FROM local_calendars")))
@@ -90,10 +95,9 @@ bool CalendarIndex::load()
         const auto calendar = m_calendars.find(q.value(0).toString());
         if (calendar == m_calendars.end())
             continue;
-        calendar->items.insert(q.value(1).toString(),
-                               {q.value(2).toString(),
-                                {q.value(3).toLongLong(), q.value(4).toLongLong(), q.value(5).toLongLong(),
-                                 q.value(6).toLongLong()}});
+        calendar->items.insert(q.value(1).toString(), {q.value(2).toString(),
+                                                       {q.value(3).toLongLong(), q.value(4).toLongLong(),
+                                                        q.value(5).toLongLong(), q.value(6).toLongLong()}});
     }
     m_sql = std::make_unique<Statements>(db);
     m_loaded = true;
@@ -141,7 +145,8 @@ bool CalendarIndex::addCalendar(const QString& uid, const QString& title, const 
         return false;
     for (auto it = items.cbegin(); it != items.cend(); ++it) {
         const ItemStamp& s = it->stamp;
-        if (!Statements::run(m_sql->upsertItem, {uid, it.key(), it->etag, s.size, s.mtimeNs, s.ctimeNs, s.inode}))
+        if (!Statements::run(m_sql->upsertItem,
+                             {uid, it.key(), it->etag, s.size, s.mtimeNs, s.ctimeNs, s.inode}))
             return false;
     }
     m_calendars.insert(uid, {title, color, token, token, items});
@@ -208,16 +213,18 @@ bool CalendarIndex::removeItem(const QString& uid, const QString& href)
 
 bool CalendarIndex::pruneTombstones(const QString& uid)
 {
-    const QVariant oldestKept = m_db.scalar(
-        QStringLiteral("SELECT token FROM change_log WHERE calendar_uid = ? AND deleted = 1 "
-                       "ORDER BY token DESC LIMIT 1 OFFSET ?"),
-        {uid, m_tombstoneLimit});
+    const QVariant oldestKept =
+        m_db.scalar(QStringLiteral("SELECT token FROM change_log WHERE calendar_uid = ? AND deleted = 1 "
+                                   "ORDER BY token DESC LIMIT 1 OFFSET ?"),
+                    {uid, m_tombstoneLimit});
     if (!oldestKept.isValid())
         return true;
     const qint64 through = oldestKept.toLongLong();
-    if (!m_db.exec(QStringLiteral("DELETE FROM change_log WHERE calendar_uid = ? AND deleted = 1 AND token <= ?"),
-                   {uid, through}) ||
-        !m_db.exec(QStringLiteral("UPDATE local_calendars SET first_token = ? WHERE uid = ?"), {through, uid}))
+    if (!m_db.exec(
+            QStringLiteral("DELETE FROM change_log WHERE calendar_uid = ? AND deleted = 1 AND token <= ?"),
+            {uid, through}) ||
+        !m_db.exec(QStringLiteral("UPDATE local_calendars SET first_token = ? WHERE uid = ?"),
+                   {through, uid}))
         return false;
     m_calendars[uid].firstToken = through;
     return true;

@@ -3,7 +3,6 @@
 // them, and one `changed` at the end of the batch.
 
 #include "CalendarStore.h"
-
 #include "logging/Log.h"
 #include "platform/RunLoop.h"
 #include "state/StateDatabase.h"

@@ -12,7 +12,8 @@
 namespace nimbrel::background {
 
 CalendarStore::CalendarStore(StateDatabase& db, const QString& root, QObject* parent)
-    : QObject(parent), m_db(db), m_root(root), m_index(db), m_watcher([this](const WatchEvent& e) { note(e); }, this)
+    : QObject(parent), m_db(db), m_root(root), m_index(db),
+      m_watcher([this](const WatchEvent& e) { note(e); }, this)
 {
 }
 
@@ -67,7 +68,8 @@ QString CalendarStore::calendarPath(const QString& uid) const
 
 StoreCalendar CalendarStore::describe(const QString& uid, const IndexedCalendar& calendar) const
 {
-    return {uid, calendar.title.isEmpty() ? uid : calendar.title, calendar.color, m_index.tokenText(calendar.token)};
+    return {uid, calendar.title.isEmpty() ? uid : calendar.title, calendar.color,
+            m_index.tokenText(calendar.token)};
 }
 
 QList<StoreCalendar> CalendarStore::calendars() const
@@ -178,8 +180,8 @@ bool CalendarStore::record(StoreWrite* result, const std::function<bool()>& chan
     if (m_db.begin() && change() && m_index.saveCounter() && m_db.commit())
         return true;
     result->status = StoreWrite::Failed;
-    result->error = QStringLiteral("the file was written but its change could not be recorded: %1")
-                        .arg(m_db.lastError());
+    result->error =
+        QStringLiteral("the file was written but its change could not be recorded: %1").arg(m_db.lastError());
     m_db.rollback();
     m_index.load(); // memory back in step with the database; the watcher's batch records the file
     return false;
@@ -193,14 +195,16 @@ StoreWrite CalendarStore::putItem(const QString& uid, const QString& href, const
         return result;
     const QString folder = calendarPath(uid);
     const std::optional<QByteArray> existing = readItemFile(folder + QLatin1Char('/') + href);
-    const std::optional<QString> currentTag = existing ? std::optional<QString>(contentTag(*existing)) : std::nullopt;
+    const std::optional<QString> currentTag =
+        existing ? std::optional<QString>(contentTag(*existing)) : std::nullopt;
     if (!precondition(currentTag, ifMatch, ifNoneMatch)) {
         result.status = StoreWrite::PreconditionFailed;
         return result;
     }
     IndexedItem written{contentTag(data), {}};
     // A creation asked for by If-None-Match must not replace a file that appeared meanwhile.
-    switch (writeItemFile(folder, href, data, !existing && !ifNoneMatch.isEmpty(), &written.stamp, &result.error)) {
+    switch (writeItemFile(folder, href, data, !existing && !ifNoneMatch.isEmpty(), &written.stamp,
+                          &result.error)) {
     case FileWrite::Written:
         break;
     case FileWrite::Exists:
@@ -237,7 +241,8 @@ StoreWrite CalendarStore::removeItem(const QString& uid, const QString& href, co
     }
     if (::unlink(QFile::encodeName(path).constData()) != 0) {
         result.status = StoreWrite::Failed;
-        result.error = QStringLiteral("cannot delete %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno)));
+        result.error =
+            QStringLiteral("cannot delete %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno)));
         return result;
     }
     const bool known = m_index.calendar(uid)->items.contains(href);

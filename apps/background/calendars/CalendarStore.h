@@ -71,9 +71,9 @@ struct SyncChanges
         NoCalendar,
     };
     Status status = Ok;
-    QString syncToken;         // the calendar's current token (Ok only)
-    QList<StoreItem> changed;  // present now, changed after the token (all items for an empty token)
-    QStringList deleted;       // hrefs deleted after the token (none for an empty token)
+    QString syncToken;        // the calendar's current token (Ok only)
+    QList<StoreItem> changed; // present now, changed after the token (all items for an empty token)
+    QStringList deleted;      // hrefs deleted after the token (none for an empty token)
 };
 
 struct StoreWrite

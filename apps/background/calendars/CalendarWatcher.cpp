@@ -18,8 +18,8 @@ namespace {
 constexpr quint32 kParentMask = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_ONLYDIR;
 constexpr quint32 kRootMask =
     IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr quint32 kCalendarMask = IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB |
-                                  IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr quint32 kCalendarMask = IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                  IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr int kFallbackUserLimit = 8192;
 
 int userWatchLimit()
@@ -84,8 +84,10 @@ bool CalendarWatcher::underLimit()
         return true;
     if (!m_limitLogged) {
         m_limitLogged = true;
-        Log(10, "CalendarWatcher: the limit of %d inotify watches is reached (fs.inotify.max_user_watches is %d); "
-                "calendars beyond it are checked periodically",
+        Log(10,
+            "CalendarWatcher: the limit of %d inotify watches is reached (fs.inotify.max_user_watches is "
+            "%d); "
+            "calendars beyond it are checked periodically",
             m_limit, userWatchLimit());
     }
     return false;

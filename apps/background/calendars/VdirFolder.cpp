@@ -164,7 +164,8 @@ QStringList calendarFolderNames(const QString& root)
         bool isFolder = entry->d_type == DT_DIR;
         if (entry->d_type == DT_UNKNOWN) {
             struct stat st = {};
-            isFolder = ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+            isFolder =
+                ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
         }
         if (const std::optional<QString> name = decodedName(entry->d_name); isFolder && name)
             names << *name;
@@ -194,7 +195,8 @@ bool hasCalendarFolder(const QString& root)
 
 QString contentTag(const QByteArray& content)
 {
-    return QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha256).left(16).toHex());
+    return QString::fromLatin1(
+        QCryptographicHash::hash(content, QCryptographicHash::Sha256).left(16).toHex());
 }
 
 std::optional<QByteArray> readItemFile(const QString& path, ItemStamp* stamp)
@@ -231,12 +233,12 @@ std::optional<QByteArray> readItemFile(const QString& path, ItemStamp* stamp)
     return content;
 }
 
-FileWrite writeItemFile(const QString& folder, const QString& name, const QByteArray& content, bool mustNotExist,
-                        ItemStamp* stamp, QString* error)
+FileWrite writeItemFile(const QString& folder, const QString& name, const QByteArray& content,
+                        bool mustNotExist, ItemStamp* stamp, QString* error)
 {
     const QString target = folder + QLatin1Char('/') + name;
-    const QString temporary = folder + QStringLiteral("/.%1.%2.tmp")
-                                           .arg(name, QUuid::createUuid().toString(QUuid::Id128).left(12));
+    const QString temporary =
+        folder + QStringLiteral("/.%1.%2.tmp").arg(name, QUuid::createUuid().toString(QUuid::Id128).left(12));
     const int fd = ::open(native(temporary).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) {
         *error = QStringLiteral("cannot create %1: %2").arg(temporary, errorText(errno));
@@ -260,8 +262,9 @@ FileWrite writeItemFile(const QString& folder, const QString& name, const QByteA
         return fail(QStringLiteral("cannot flush"));
     const QByteArray from = native(temporary);
     const QByteArray to = native(target);
-    int renamed = mustNotExist ? ::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE)
-                               : ::rename(from.constData(), to.constData());
+    int renamed = mustNotExist
+                      ? ::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE)
+                      : ::rename(from.constData(), to.constData());
     if (renamed != 0 && mustNotExist && errno == EINVAL) {
         // A file system without RENAME_NOREPLACE: a hard link refuses an existing name just as well.
         renamed = ::link(from.constData(), to.constData());
@@ -294,12 +297,14 @@ bool createDefaultCalendars(const QString& root, QString* error)
     }
     const std::pair<const char*, const char*> defaults[] = {{"Home", "#1E88E5"}, {"Work", "#E53935"}};
     for (const auto& [title, color] : defaults) {
-        const QString folder = root + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+        const QString folder =
+            root + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
         if (::mkdir(native(folder).constData(), 0700) != 0) {
             *error = QStringLiteral("cannot create %1: %2").arg(folder, errorText(errno));
             return false;
         }
-        if (!writeSmallFile(folder + QLatin1Char('/') + QLatin1String(kDisplayName), QLatin1String(title), error) ||
+        if (!writeSmallFile(folder + QLatin1Char('/') + QLatin1String(kDisplayName), QLatin1String(title),
+                            error) ||
             !writeSmallFile(folder + QLatin1Char('/') + QLatin1String(kColor), QLatin1String(color), error))
             return false;
     }

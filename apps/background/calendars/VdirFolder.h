@@ -59,8 +59,8 @@ enum class FileWrite
 };
 // Writes the item atomically: a hidden temporary file in the same folder, flushed to disk, then
 // renamed over the name (without replacing when mustNotExist). *stamp is the new file's.
-FileWrite writeItemFile(const QString& folder, const QString& name, const QByteArray& content, bool mustNotExist,
-                        ItemStamp* stamp, QString* error);
+FileWrite writeItemFile(const QString& folder, const QString& name, const QByteArray& content,
+                        bool mustNotExist, ItemStamp* stamp, QString* error);
 
 // Makes "Home" and "Work" (folders named by new UUIDs) when `root` holds no calendar folder at all.
 // Returns whether it made them; false with *error when it had to and could not.

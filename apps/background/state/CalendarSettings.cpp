@@ -32,7 +32,8 @@ bool CalendarSettings::add(const QStringList& uids)
 {
     if (uids.isEmpty())
         return true;
-    qint64 order = m_db.scalar(QStringLiteral("SELECT COALESCE(MAX(sort_order), 0) FROM calendars")).toLongLong();
+    qint64 order =
+        m_db.scalar(QStringLiteral("SELECT COALESCE(MAX(sort_order), 0) FROM calendars")).toLongLong();
     QSqlQuery q(m_db.handle());
     if (!q.prepare(QStringLiteral("INSERT INTO calendars (uid, sort_order) VALUES (?, ?) "
                                   "ON CONFLICT (uid) DO UPDATE SET vanished_at = NULL")))
@@ -49,7 +50,8 @@ bool CalendarSettings::add(const QStringList& uids)
 bool CalendarSettings::markVanished(const QStringList& uids, qint64 nowMs)
 {
     QSqlQuery q(m_db.handle());
-    if (!q.prepare(QStringLiteral("UPDATE calendars SET vanished_at = ? WHERE uid = ? AND vanished_at IS NULL")))
+    if (!q.prepare(
+            QStringLiteral("UPDATE calendars SET vanished_at = ? WHERE uid = ? AND vanished_at IS NULL")))
         return false;
     for (const QString& uid : uids) {
         q.addBindValue(nowMs);
@@ -62,25 +64,29 @@ bool CalendarSettings::markVanished(const QStringList& uids, qint64 nowMs)
 
 bool CalendarSettings::purgeVanished(qint64 nowMs)
 {
-    return m_db.exec(QStringLiteral("DELETE FROM calendars WHERE vanished_at < ?"), {nowMs - kVanishedKeepMs});
+    return m_db.exec(QStringLiteral("DELETE FROM calendars WHERE vanished_at < ?"),
+                     {nowMs - kVanishedKeepMs});
 }
 
 bool CalendarSettings::setPublishedToBonjour(const QString& uid, bool published)
 {
-    return m_db.exec(QStringLiteral("UPDATE calendars SET published_bonjour = ? WHERE uid = ?"), {published, uid});
+    return m_db.exec(QStringLiteral("UPDATE calendars SET published_bonjour = ? WHERE uid = ?"),
+                     {published, uid});
 }
 
 bool CalendarSettings::setPublishedToGoogle(const QString& uid, bool published)
 {
-    return m_db.exec(QStringLiteral("UPDATE calendars SET published_google = ? WHERE uid = ?"), {published, uid});
+    return m_db.exec(QStringLiteral("UPDATE calendars SET published_google = ? WHERE uid = ?"),
+                     {published, uid});
 }
 
 bool CalendarSettings::setPublishOptions(const QString& uid, const QString& readPassword,
                                          const QString& writePassword, bool readOnly)
 {
-    return m_db.exec(QStringLiteral("UPDATE calendars SET read_password = ?, write_password = ?, read_only = ? "
-                                    "WHERE uid = ?"),
-                     {readPassword, writePassword, readOnly, uid});
+    return m_db.exec(
+        QStringLiteral("UPDATE calendars SET read_password = ?, write_password = ?, read_only = ? "
+                       "WHERE uid = ?"),
+        {readPassword, writePassword, readOnly, uid});
 }
 
 bool CalendarSettings::unpublishAllFromGoogle()
@@ -90,7 +96,10 @@ bool CalendarSettings::unpublishAllFromGoogle()
 
 bool CalendarSettings::anyPublishedToGoogle() const
 {
-    return m_db.scalar(QStringLiteral("SELECT 1 FROM calendars WHERE published_google != 0 AND vanished_at IS NULL LIMIT 1")).isValid();
+    return m_db
+        .scalar(QStringLiteral(
+            "SELECT 1 FROM calendars WHERE published_google != 0 AND vanished_at IS NULL LIMIT 1"))
+        .isValid();
 }
 
 } // namespace nimbrel::background

@@ -110,13 +110,15 @@ QVariantList SourceRecords::subscriptionsOf(const QString& sourceUid, bool* anyS
 
 std::optional<QVariantMap> SourceRecords::subscription(const QString& uid) const
 {
-    const QVariant blob = m_db.scalar(QStringLiteral("SELECT record FROM subscriptions WHERE uid = ?"), {uid});
+    const QVariant blob =
+        m_db.scalar(QStringLiteral("SELECT record FROM subscriptions WHERE uid = ?"), {uid});
     return blob.isValid() ? std::optional<QVariantMap>(decode(blob.toByteArray())) : std::nullopt;
 }
 
 bool SourceRecords::setSubscribed(const QString& uid, bool subscribed)
 {
-    return m_db.exec(QStringLiteral("UPDATE subscriptions SET subscribed = ? WHERE uid = ?"), {subscribed, uid});
+    return m_db.exec(QStringLiteral("UPDATE subscriptions SET subscribed = ? WHERE uid = ?"),
+                     {subscribed, uid});
 }
 
 QString SourceRecords::setSubscriptionRecord(const QString& uid, const QVariantMap& record)

@@ -177,11 +177,12 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
     }
     // A file of a newer version is not damaged: refused before anything could change it.
     if (const int version = storedVersion(m_path); version > kSchemaVersion) {
-        *why = QStringLiteral("it was written by a newer version of Nimbrel (schema %1; this version reads up "
-                              "to %2) and is left as it is; start the newer version, or move the file away to "
-                              "start afresh")
-                   .arg(version)
-                   .arg(kSchemaVersion);
+        *why =
+            QStringLiteral("it was written by a newer version of Nimbrel (schema %1; this version reads up "
+                           "to %2) and is left as it is; start the newer version, or move the file away to "
+                           "start afresh")
+                .arg(version)
+                .arg(kSchemaVersion);
         return Outcome::Failed;
     }
     if (!ensurePrivateFile(m_path, why))
@@ -227,8 +228,8 @@ StateDatabase::Outcome StateDatabase::tryOpen(QString* why)
         const bool ok = [&] {
             if (!begin())
                 return false;
-            const QList<QStringList> steps =
-                version == 0 ? QList<QStringList>{schemaCreateStatements()} : schemaMigrationSteps().mid(version - 1);
+            const QList<QStringList> steps = version == 0 ? QList<QStringList>{schemaCreateStatements()}
+                                                          : schemaMigrationSteps().mid(version - 1);
             for (const QStringList& step : steps) {
                 for (const QString& statement : step) {
                     if (!exec(statement))
@@ -264,7 +265,8 @@ bool StateDatabase::moveAside(const QString& why)
             numbers << n;
     }
     std::sort(numbers.begin(), numbers.end());
-    const QString aside = m_path + QStringLiteral(".corrupt.%1").arg(numbers.isEmpty() ? 1 : numbers.last() + 1);
+    const QString aside =
+        m_path + QStringLiteral(".corrupt.%1").arg(numbers.isEmpty() ? 1 : numbers.last() + 1);
     // The journal files belong to the bad file: they go with it or they would be replayed into the new one.
     QFile::rename(m_path + QStringLiteral("-wal"), aside + QStringLiteral("-wal"));
     QFile::remove(m_path + QStringLiteral("-shm"));

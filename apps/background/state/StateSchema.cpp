@@ -38,44 +38,47 @@ QStringList calendarIndexStatements()
 
 QStringList schemaTables(int version)
 {
-    QStringList tables{QStringLiteral("calendars"), QStringLiteral("sources"), QStringLiteral("subscriptions"),
-                       QStringLiteral("settings"), QStringLiteral("sync_history")};
+    QStringList tables{QStringLiteral("calendars"), QStringLiteral("sources"),
+                       QStringLiteral("subscriptions"), QStringLiteral("settings"),
+                       QStringLiteral("sync_history")};
     if (version >= 3)
-        tables << QStringLiteral("local_calendars") << QStringLiteral("local_items") << QStringLiteral("change_log")
-               << QStringLiteral("change_counter");
+        tables << QStringLiteral("local_calendars") << QStringLiteral("local_items")
+               << QStringLiteral("change_log") << QStringLiteral("change_counter");
     return tables;
 }
 
 const QStringList& schemaCreateStatements()
 {
-    static const QStringList statements = QStringList{
-        QStringLiteral("CREATE TABLE calendars ("
-                       " uid TEXT PRIMARY KEY NOT NULL,"
-                       " sort_order INTEGER NOT NULL DEFAULT 0,"
-                       " published_bonjour INTEGER NOT NULL DEFAULT 0,"
-                       " published_google INTEGER NOT NULL DEFAULT 0,"
-                       " read_password TEXT NOT NULL DEFAULT '',"
-                       " write_password TEXT NOT NULL DEFAULT '',"
-                       " read_only INTEGER NOT NULL DEFAULT 0,"
-                       " vanished_at INTEGER)"),
-        QStringLiteral("CREATE TABLE sources ("
-                       " uid TEXT PRIMARY KEY NOT NULL,"
-                       " kind TEXT NOT NULL CHECK (kind IN ('server', 'google')),"
-                       " settings BLOB NOT NULL)"),
-        QStringLiteral("CREATE TABLE subscriptions ("
-                       " uid TEXT PRIMARY KEY NOT NULL,"
-                       " source_uid TEXT NOT NULL REFERENCES sources(uid) ON DELETE CASCADE,"
-                       " subscribed INTEGER NOT NULL DEFAULT 0,"
-                       " record BLOB NOT NULL)"),
-        QStringLiteral("CREATE TABLE settings (key TEXT PRIMARY KEY NOT NULL, value)"),
-        QStringLiteral("CREATE TABLE sync_history ("
-                       " id INTEGER PRIMARY KEY AUTOINCREMENT,"
-                       " calendar_uid TEXT NOT NULL DEFAULT '',"
-                       " time INTEGER NOT NULL,"
-                       " kind TEXT NOT NULL,"
-                       " detail TEXT NOT NULL DEFAULT '')"),
-        QStringLiteral("CREATE INDEX sync_history_calendar ON sync_history (calendar_uid, time)"),
-    } + calendarIndexStatements();
+    static const QStringList statements =
+        QStringList{
+            QStringLiteral("CREATE TABLE calendars ("
+                           " uid TEXT PRIMARY KEY NOT NULL,"
+                           " sort_order INTEGER NOT NULL DEFAULT 0,"
+                           " published_bonjour INTEGER NOT NULL DEFAULT 0,"
+                           " published_google INTEGER NOT NULL DEFAULT 0,"
+                           " read_password TEXT NOT NULL DEFAULT '',"
+                           " write_password TEXT NOT NULL DEFAULT '',"
+                           " read_only INTEGER NOT NULL DEFAULT 0,"
+                           " vanished_at INTEGER)"),
+            QStringLiteral("CREATE TABLE sources ("
+                           " uid TEXT PRIMARY KEY NOT NULL,"
+                           " kind TEXT NOT NULL CHECK (kind IN ('server', 'google')),"
+                           " settings BLOB NOT NULL)"),
+            QStringLiteral("CREATE TABLE subscriptions ("
+                           " uid TEXT PRIMARY KEY NOT NULL,"
+                           " source_uid TEXT NOT NULL REFERENCES sources(uid) ON DELETE CASCADE,"
+                           " subscribed INTEGER NOT NULL DEFAULT 0,"
+                           " record BLOB NOT NULL)"),
+            QStringLiteral("CREATE TABLE settings (key TEXT PRIMARY KEY NOT NULL, value)"),
+            QStringLiteral("CREATE TABLE sync_history ("
+                           " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+                           " calendar_uid TEXT NOT NULL DEFAULT '',"
+                           " time INTEGER NOT NULL,"
+                           " kind TEXT NOT NULL,"
+                           " detail TEXT NOT NULL DEFAULT '')"),
+            QStringLiteral("CREATE INDEX sync_history_calendar ON sync_history (calendar_uid, time)"),
+        } +
+        calendarIndexStatements();
     return statements;
 }
 
