@@ -132,8 +132,8 @@ QList<BackupSource> NimbrelState::Private::backupSources() const
     QList<BackupSource> sources;
     for (const StoreCalendar& calendar : store->calendars()) {
         const QString folder = store->calendarPath(calendar.uid);
-        BackupSource source{calendar.displayName, {}};
         const FolderListing listing = readFolder(folder);
+        BackupSource source{listing.title.isEmpty() ? calendar.displayName : listing.title, {}};
         for (auto it = listing.items.keyBegin(); it != listing.items.keyEnd(); ++it)
             source.files << folder + QLatin1Char('/') + *it;
         source.files.sort();

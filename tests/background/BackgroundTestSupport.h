@@ -1,8 +1,8 @@
 #pragma once
 
 // Shared by the background application's tests: dictionaries in one line, SQL on a connection of the
-// test's own, vdir calendars made by hand, a capture of standard error (where Log writes) and a
-// dbus-daemon of the test's own.
+// test's own, files and calendars made by hand, standard error (where Log writes) captured, and a
+// dbus-daemon of the test's own (another session, or a bus to take away).
 
 #include "logging/Log.h"
 #include "state/StateDatabase.h"
@@ -10,12 +10,11 @@
 
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QProcess>
 #include <QSqlQuery>
 #include <cstdio>
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <type_traits>
 #include <unistd.h>
 
 namespace nimbrel::background::test {
@@ -23,35 +22,31 @@ namespace nimbrel::background::test {
 using nimbrel::test::makeTempDir;
 using nimbrel::test::s;
 
-// m("key", value, "key", value, ...): a dictionary, C strings taken as text.
-inline void put(QVariantMap&) {}
-template <class V, class... Rest>
-void put(QVariantMap& map, const char* key, const V& value, const Rest&... rest)
-{
-    if constexpr (std::is_convertible_v<V, const char*>)
-        map.insert(s(key), s(value));
-    else
-        map.insert(s(key), QVariant(value));
-    put(map, rest...);
-}
+// m("key", value, ...): a dictionary, C strings taken as text.
 template <class... Args> QVariantMap m(const Args&... args)
 {
+    const auto value = []<class V>(const V& v) {
+        if constexpr (std::is_convertible_v<V, const char*>)
+            return QVariant(s(v));
+        else
+            return QVariant(v);
+    };
+    const QVariantList flat{value(args)...};
     QVariantMap map;
-    put(map, args...);
+    for (qsizetype i = 0; i + 1 < flat.size(); i += 2)
+        map.insert(flat[i].toString(), flat[i + 1]);
     return map;
 }
 
-// Runs `statement` on a connection of its own and returns the first column of every row.
+// The first column of every row of `statement`, run on a connection of its own.
 inline QVariantList sql(const QString& path, const char* statement, const QVariantList& bindings = {})
 {
     QVariantList values;
     const QString name = uniqueConnectionName(s("peek"));
     {
         QString error;
-        QSqlDatabase db = openConnection(name, path, &error);
-        EXPECT_TRUE(db.isOpen()) << error.toStdString();
-        QSqlQuery q(db);
-        EXPECT_TRUE(q.prepare(s(statement))) << statement;
+        QSqlQuery q(openConnection(name, path, &error));
+        EXPECT_TRUE(q.prepare(s(statement))) << statement << " " << error.toStdString();
         for (const QVariant& value : bindings)
             q.addBindValue(value);
         EXPECT_TRUE(q.exec()) << statement;
@@ -66,7 +61,7 @@ inline void writeFile(const QString& path, const QByteArray& data)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
+    EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
     file.write(data);
 }
 
@@ -76,7 +71,7 @@ inline QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// A vdir calendar: <root>/<uid>/displayname, color and the given .ics files.
+// <root>/<uid>/displayname, color and the given .ics files.
 inline void makeCalendar(const QString& root, const char* uid, const char* title,
                          const QMap<QString, QByteArray>& items = {}, const char* color = "")
 {
@@ -88,70 +83,45 @@ inline void makeCalendar(const QString& root, const char* uid, const char* title
         writeFile(folder + QLatin1Char('/') + it.key(), it.value());
 }
 
-// One key of every row.
-inline QStringList column(const QVariantList& rows, const char* key)
-{
-    QStringList values;
-    for (const QVariant& row : rows)
-        values << row.toMap().value(s(key)).toString();
-    return values;
-}
-
 // Standard error goes to a file for as long as this lives, at the given log level.
-class StderrCapture
+struct StderrCapture
 {
-public:
-    explicit StderrCapture(long level = nimbrel::gLogLevel)
-        : m_path(makeTempDir() + s("/stderr.txt")), m_level(nimbrel::gLogLevel)
+    explicit StderrCapture(long level) : level(std::exchange(nimbrel::gLogLevel, level))
     {
         std::fflush(stderr);
-        m_saved = dup(2);
-        std::FILE* file = std::fopen(QFile::encodeName(m_path).constData(), "w");
-        dup2(fileno(file), 2);
-        std::fclose(file);
-        nimbrel::gLogLevel = level;
+        const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(fd, 2);
+        ::close(fd);
     }
     ~StderrCapture()
     {
-        nimbrel::gLogLevel = m_level;
+        nimbrel::gLogLevel = level;
         std::fflush(stderr);
-        dup2(m_saved, 2);
-        ::close(m_saved);
+        ::dup2(saved, 2);
+        ::close(saved);
     }
-    QString text() const
-    {
-        std::fflush(stderr);
-        return QString::fromUtf8(readFile(m_path));
-    }
-
-private:
-    QString m_path;
-    long m_level;
-    int m_saved = -1;
+    QString text() const { return std::fflush(stderr), QString::fromUtf8(readFile(path)); }
+    QString path = makeTempDir() + s("/stderr.txt");
+    long level;
+    int saved = ::dup(2);
 };
 
-// A dbus-daemon of the test's own, beside the session bus the test runs on: a second session, or a
-// bus to take away.
-class PrivateBus
+struct PrivateBus
 {
-public:
     PrivateBus()
     {
-        m_daemon.start(s("dbus-daemon"), {s("--session"), s("--nofork"), s("--print-address")});
-        if (m_daemon.waitForStarted() && m_daemon.waitForReadyRead(5000))
-            m_address = QString::fromUtf8(m_daemon.readLine().trimmed());
+        daemon.start(s("dbus-daemon"), {s("--session"), s("--nofork"), s("--print-address")});
+        daemon.waitForReadyRead(5000);
+        address = QString::fromUtf8(daemon.readLine().trimmed());
     }
     ~PrivateBus() { stop(); }
-    QString address() const { return m_address; }
     void stop()
     {
-        m_daemon.kill();
-        m_daemon.waitForFinished();
+        daemon.kill();
+        daemon.waitForFinished();
     }
-
-private:
-    QProcess m_daemon;
-    QString m_address;
+    QProcess daemon;
+    QString address;
 };
 
 } // namespace nimbrel::background::test

@@ -65,25 +65,27 @@ void CalendarStore::runSlice()
     }
 
     const qsizetype batchBefore = m_batch.size();
+    // At least one thing per slice, then as many as fit in its time.
     bool ok = m_db.begin();
-    const auto outOfTime = [&] { return double(clock.nsecsElapsed()) / 1e9 >= kSliceSeconds; };
-    while (ok && !m_folders.isEmpty() && !outOfTime()) {
-        const QString uid = *m_folders.cbegin();
-        m_folders.erase(m_folders.cbegin());
-        ok = scanCalendar(uid);
-    }
-    while (ok && !m_meta.isEmpty() && !outOfTime()) {
-        const QString uid = *m_meta.cbegin();
-        m_meta.erase(m_meta.cbegin());
-        ok = refreshMeta(uid);
-    }
-    while (ok && !m_items.isEmpty() && !outOfTime()) {
-        const auto calendar = m_items.begin();
-        const QString uid = calendar.key();
-        const QSet<QString> hrefs = std::move(calendar.value());
-        m_items.erase(calendar);
-        for (const QString& href : hrefs)
-            ok = ok && refreshItem(uid, href);
+    while (ok && (!m_folders.isEmpty() || !m_meta.isEmpty() || !m_items.isEmpty())) {
+        if (!m_folders.isEmpty()) {
+            const QString uid = *m_folders.cbegin();
+            m_folders.erase(m_folders.cbegin());
+            ok = scanCalendar(uid);
+        } else if (!m_meta.isEmpty()) {
+            const QString uid = *m_meta.cbegin();
+            m_meta.erase(m_meta.cbegin());
+            ok = refreshMeta(uid);
+        } else {
+            const auto calendar = m_items.begin();
+            const QString uid = calendar.key();
+            const QSet<QString> hrefs = std::move(calendar.value());
+            m_items.erase(calendar);
+            for (const QString& href : hrefs)
+                ok = ok && refreshItem(uid, href);
+        }
+        if (double(clock.nsecsElapsed()) / 1e9 >= m_sliceSeconds)
+            break;
     }
     ok = ok && m_index.saveCounter() && m_db.commit();
     if (!ok) {

@@ -142,6 +142,7 @@ public:
     // at the folders now, so that a list is never answered half made. Does nothing afterwards.
     void finishInitialScan();
     CalendarWatcher& watcher() { return m_watcher; }
+    void setSliceSeconds(double seconds) { m_sliceSeconds = seconds; }
     CalendarIndex& index() { return m_index; }
 
 signals:
@@ -175,6 +176,7 @@ private:
     bool m_scheduled = false;
     bool m_running = false;
     bool m_initialScan = false; // the first batch after opening an empty index is under way
+    double m_sliceSeconds = kSliceSeconds;
 };
 
 } // namespace nimbrel::background
