@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <QWidget>
 #include <QWindowStateChangeEvent>
@@ -54,14 +55,27 @@ void PreferencesHost::start()
 
 void PreferencesHost::select()
 {
-    if (m_selected || m_ended || !m_pane)
+    const bool pending = std::exchange(m_selectPending, false);
+    if (!pending || m_selected || m_ended || !m_pane || !m_window->isVisible() || m_window->isMinimized())
         return;
     m_selected = true;
     m_pane->didSelect();
+    emit selected();
+}
+
+void PreferencesHost::selectSoon()
+{
+    if (m_selected || m_selectPending)
+        return;
+    // After the next paint of the view; a window that is never painted (hidden behind others on some
+    // desktops) is selected a moment later all the same.
+    m_selectPending = true;
+    QTimer::singleShot(250, this, &PreferencesHost::select);
 }
 
 void PreferencesHost::unselect()
 {
+    m_selectPending = false;
     if (!m_selected || !m_pane)
         return;
     m_selected = false;
@@ -85,6 +99,7 @@ void PreferencesHost::terminate()
     if (m_ended)
         return;
     m_ended = true;
+    m_selectPending = false;
     if (m_pane && m_selected)
         m_pane->didUnselect();
     m_selected = false;
@@ -98,9 +113,13 @@ void PreferencesHost::terminate()
 bool PreferencesHost::eventFilter(QObject* watched, QEvent* event)
 {
     if (watched == m_view) {
-        if (event->type() == QEvent::Paint && !m_painted) {
-            m_painted = true;
-            QMetaObject::invokeMethod(this, &PreferencesHost::firstPaint, Qt::QueuedConnection);
+        if (event->type() == QEvent::Paint) {
+            if (!m_painted) {
+                m_painted = true;
+                QMetaObject::invokeMethod(this, &PreferencesHost::firstPaint, Qt::QueuedConnection);
+            }
+            if (m_selectPending)
+                QMetaObject::invokeMethod(this, &PreferencesHost::select, Qt::QueuedConnection);
         }
         return false;
     }
@@ -109,7 +128,7 @@ bool PreferencesHost::eventFilter(QObject* watched, QEvent* event)
     switch (event->type()) {
     case QEvent::Show:
         if (!m_window->isMinimized())
-            select();
+            selectSoon();
         break;
     case QEvent::Hide:
         unselect();
@@ -118,7 +137,7 @@ bool PreferencesHost::eventFilter(QObject* watched, QEvent* event)
         if (m_window->isMinimized())
             unselect();
         else if (static_cast<QWindowStateChangeEvent*>(event)->oldState() & Qt::WindowMinimized && m_window->isVisible())
-            select();
+            selectSoon();
         break;
     case QEvent::Close:
         event->accept();

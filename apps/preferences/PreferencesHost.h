@@ -2,7 +2,9 @@
 
 // The host of the pane: one window holding the pane's view, and the window's events turned into the
 // pane's lifecycle. First show and restore from minimised select the pane; hide and minimise unselect
-// it; closing the window unselects it, destroys it and ends the program.
+// it; closing the window unselects it, destroys it and ends the program. As a settings application
+// does, the pane is selected once its view has been displayed: the window paints at once, and the
+// pane's first talk with the background application (which may fetch thousands of calendars) follows.
 
 #include "pane/ComQuorviaNimbrelPref.h"
 
@@ -38,6 +40,7 @@ public:
 
 signals:
     void firstPaint();
+    void selected();
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
@@ -45,6 +48,7 @@ protected:
 private:
     void select();
     void unselect();
+    void selectSoon();
 
     Bundle m_bundle;
     PaneEnvironment m_environment;
@@ -54,6 +58,7 @@ private:
     bool m_selected = false;
     bool m_ended = false;
     bool m_painted = false;
+    bool m_selectPending = false;
     std::function<void(ComQuorviaNimbrelPref&)> m_paneCreated;
 };
 

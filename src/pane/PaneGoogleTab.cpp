@@ -60,8 +60,8 @@ void ComQuorviaNimbrelPref::nimbrelGoogleSyncProgress(bool inProgress)
             stopAnimation(m_googleSyncIndicator);
         m_googleSyncInProgress = inProgress;
     }
-    if (!m_googleSyncInProgress && m_googleSettingsButton)
-        m_googleSettingsButton->setEnabled(true);
+    if (!m_googleSyncInProgress)
+        setEnabledIfLoaded(m_googleSettingsButton, true);
 }
 
 } // namespace nimbrel

@@ -141,7 +141,7 @@ void ComQuorviaNimbrelPref::tabViewDidSelectTabViewItem(int index)
 void ComQuorviaNimbrelPref::emailButton(const QVariant& sender)
 {
     m_com->techSupportInfo();
-    m_emailButton->setEnabled(false);
+    setEnabledIfLoaded(m_emailButton, false);
     startAnimation(m_emailIndicator);
     const QString subject =
         sender.typeId() == QMetaType::QString ? sender.toString() : QStringLiteral("Nimbrel Logs");
@@ -149,7 +149,7 @@ void ComQuorviaNimbrelPref::emailButton(const QVariant& sender)
                              m_bundle.pathForResource(QStringLiteral("EmailLogScript"), QStringLiteral("sh")), subject,
                              filteredLogFilePath(kLogName), true,
                              m_bundle.objectForInfoDictionaryKey(QStringLiteral("LogsEMail")).toString());
-    m_emailButton->setEnabled(true);
+    setEnabledIfLoaded(m_emailButton, true);
     stopAnimation(m_emailIndicator);
 }
 

@@ -60,8 +60,7 @@ void ComQuorviaNimbrelPref::updateNetworkSettings(const std::optional<QVariantMa
 
 void ComQuorviaNimbrelPref::nimbrelBonjourNamePublished()
 {
-    if (m_setButton)
-        m_setButton->setEnabled(true);
+    setEnabledIfLoaded(m_setButton, true);
     stopAnimation(m_setIndicator);
     updateNetworkSettings(m_com->bonjourInfo());
 }

@@ -45,12 +45,12 @@ void ComQuorviaNimbrelPref::resetSyncHistoryButton(QObject* sender)
 {
     Q_UNUSED(sender);
     if (getSystemVersion() > kSystemVersion10_5OrLater) {
-        m_resetSyncHistoryButton->setEnabled(false);
-        m_resetButton->setEnabled(false);
+        setEnabledIfLoaded(m_resetSyncHistoryButton, false);
+        setEnabledIfLoaded(m_resetButton, false);
         // A tool that could not be started leaves both buttons as they are now.
         if (!resetSyncServices())
             return;
-        m_resetSyncHistoryButton->setEnabled(true);
+        setEnabledIfLoaded(m_resetSyncHistoryButton, true);
         // The database reset stays out of reach for a minute after a history reset, on purpose.
         performAfterDelay("enableResetButton", kEnableResetButtonDelay, &ComQuorviaNimbrelPref::enableResetButton);
         return;
@@ -81,8 +81,7 @@ bool ComQuorviaNimbrelPref::resetSyncServices()
 
 void ComQuorviaNimbrelPref::enableResetButton()
 {
-    if (m_resetButton)
-        m_resetButton->setEnabled(true);
+    setEnabledIfLoaded(m_resetButton, true);
 }
 
 void ComQuorviaNimbrelPref::resetButton(QObject* sender)
@@ -101,8 +100,8 @@ void ComQuorviaNimbrelPref::resetButtonEnd(int returnCode)
 {
     if (returnCode != kAlertDefaultReturn)
         return;
-    m_resetButton->setEnabled(false);
-    m_resetSyncHistoryButton->setEnabled(false);
+    setEnabledIfLoaded(m_resetButton, false);
+    setEnabledIfLoaded(m_resetSyncHistoryButton, false);
     startAnimation(m_resetIndicator);
     if (m_com->backgroundAppRunning() || !m_com->backgroundAppDatabaseExists()) {
         doReset();
@@ -123,8 +122,8 @@ void ComQuorviaNimbrelPref::nimbrelResetFinished(bool success)
 {
     // Success or time-out look the same to the user.
     Q_UNUSED(success);
-    m_resetButton->setEnabled(true);
-    m_resetSyncHistoryButton->setEnabled(true);
+    setEnabledIfLoaded(m_resetButton, true);
+    setEnabledIfLoaded(m_resetSyncHistoryButton, true);
     stopAnimation(m_resetIndicator);
     if (m_restartAfterReset) {
         m_restartAfterReset = false;

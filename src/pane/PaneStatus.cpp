@@ -124,8 +124,7 @@ void ComQuorviaNimbrelPref::startButton(QObject* sender)
 {
     Q_UNUSED(sender);
     const bool running = m_com->backgroundAppRunning();
-    if (m_startButton)
-        m_startButton->setEnabled(false);
+    setEnabledIfLoaded(m_startButton, false);
     setStatus(running ? StatusStopping : StatusStarting);
     m_com->setBackgroundAppRunning(!running);
     startAnimation(m_startIndicator);
@@ -134,8 +133,7 @@ void ComQuorviaNimbrelPref::startButton(QObject* sender)
 void ComQuorviaNimbrelPref::checkButton(QObject* sender)
 {
     Q_UNUSED(sender);
-    if (m_checkButton)
-        m_checkButton->setEnabled(false);
+    setEnabledIfLoaded(m_checkButton, false);
     startAnimation(m_checkIndicator);
     m_com->checkForUpdate();
 }
@@ -167,8 +165,7 @@ void ComQuorviaNimbrelPref::webURL(ClickableTextField* sender)
 
 void ComQuorviaNimbrelPref::nimbrelBackgroundAppStateChange(bool running, bool responding)
 {
-    if (m_startButton)
-        m_startButton->setEnabled(true);
+    setEnabledIfLoaded(m_startButton, true);
     setStatus(!responding ? StatusNotResponding : running ? StatusRunning : StatusStopped);
     stopAnimation(m_startIndicator);
     if (running) {
@@ -187,8 +184,7 @@ void ComQuorviaNimbrelPref::nimbrelProtocolVersionError()
 
 void ComQuorviaNimbrelPref::nimbrelCheckedForUpdate()
 {
-    if (m_checkButton)
-        m_checkButton->setEnabled(true);
+    setEnabledIfLoaded(m_checkButton, true);
     stopAnimation(m_checkIndicator);
     willChangeValueForKey(QStringLiteral("lastCheckedDate"));
     didChangeValueForKey(QStringLiteral("lastCheckedDate"));

@@ -130,6 +130,12 @@ void localizeTexts(QWidget* root)
     }
 }
 
+void setEnabledIfLoaded(QWidget* control, bool enabled)
+{
+    if (control)
+        control->setEnabled(enabled);
+}
+
 void prepareIndicator(QProgressBar* indicator)
 {
     if (!indicator)

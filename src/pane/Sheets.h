@@ -52,6 +52,8 @@ namespace nimbrel {
 // Replaces every user-visible text below `root` (labels, buttons, titles, tool tips, tab titles) by its
 // entry in the string table; texts written into the interface files are the table's keys.
 void localizeTexts(QWidget* root);
+// Enables or disables a control the view may not have loaded (a pane without its view).
+void setEnabledIfLoaded(QWidget* control, bool enabled);
 // Hides a progress indicator without letting the layout close the gap it leaves.
 void prepareIndicator(QProgressBar* indicator);
 } // namespace nimbrel

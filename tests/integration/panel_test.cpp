@@ -63,6 +63,7 @@ TEST(Panel, StartAndStopReachTheStatusLineAndTheLogTabShowsNimbrelsLines)
     host.start();
     auto* status = host.window()->findChild<QLabel*>(s("statusLabel"));
     auto* button = host.window()->findChild<QPushButton*>(s("startButton"));
+    ASSERT_TRUE(test::waitUntil([&host] { return host.isSelected(); }));
     EXPECT_EQ(status->text(), s("Nimbrel is stopped"));
 
     button->click();

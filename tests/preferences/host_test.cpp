@@ -25,7 +25,8 @@ TEST(PreferencesHost, WindowEventsSelectAndUnselectThePane)
     PreferencesHost host(bundle, environment);
     host.start();
     QWidget* window = host.window();
-    ASSERT_TRUE(host.isSelected()); // first show
+    EXPECT_FALSE(host.isSelected());                                // selected once the view has been displayed
+    ASSERT_TRUE(waitUntil([&host] { return host.isSelected(); })); // first show
     EXPECT_EQ(host.pane()->backgroundAppStatus(), ComQuorviaNimbrelPref::StatusStopped);
 
     const struct
@@ -40,6 +41,7 @@ TEST(PreferencesHost, WindowEventsSelectAndUnselectThePane)
                  {"activate", [&] { host.activate(); }, true}};
     for (const auto& step : steps) {
         step.act();
+        waitUntil([&] { return host.isSelected() == step.selected; }, 1000);
         EXPECT_EQ(host.isSelected(), step.selected) << step.event;
     }
 
