@@ -3,7 +3,7 @@
 #include "AppProtocolAdaptor.h"
 #include "NimbrelState.h"
 #include "link/AppProtocolProxy.h"
-#include "link/WireCodec.h"
+#include "protocol/WireCodec.h"
 #include "logging/Log.h"
 #include "platform/SettingsStore.h"
 

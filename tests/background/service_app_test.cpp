@@ -10,7 +10,7 @@
 #include "NimbrelState.h"
 #include "UpdateCheck.h"
 #include "link/AppProtocolProxy.h"
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
 #include "logging/Log.h"
 #include "platform/SettingsStore.h"
 #include "support/TestEnvironment.h"

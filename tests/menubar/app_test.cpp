@@ -6,7 +6,7 @@
 #include "QuitOnSignal.h"
 #include "SingleInstance.h"
 #include "link/NimbrelCom.h"
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
 #include "platform/Bundle.h"
 #include "platform/VirtualRunLoop.h"
 #include "support/TestEnvironment.h"

@@ -1,8 +1,9 @@
 #pragma once
 
-// The background application's broadcast notifications: one D-Bus signal,
-// com.quorvia.Nimbrel.Notifications.Posted(s name) on /com/quorvia/Nimbrel/Notifications, the name being
-// the notification's exact text. Observers subscribe per name (arg0 match), from any sender.
+// Posting and observing the background application's notifications (Notifications.h). Observers
+// subscribe per name (arg0 match), from any sender.
+
+#include "protocol/Notifications.h"
 
 #include <QDBusConnection>
 #include <QHash>
@@ -12,10 +13,6 @@
 #include <functional>
 
 namespace nimbrel {
-
-inline const QString kNotificationsPath = QStringLiteral("/com/quorvia/Nimbrel/Notifications");
-inline const QString kNotificationsInterface = QStringLiteral("com.quorvia.Nimbrel.Notifications");
-inline const QString kNotificationsSignal = QStringLiteral("Posted");
 
 class NotificationBus : public QObject
 {

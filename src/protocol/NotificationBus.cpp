@@ -1,15 +1,12 @@
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
+
+#include "logging/Log.h"
 
 #include <QDBusMessage>
 #include <QDBusMetaType>
 #include <QDBusVariant>
-#include <QLoggingCategory>
 
 namespace nimbrel {
-
-namespace {
-Q_LOGGING_CATEGORY(lcNotifications, "nimbrel.link.notifications")
-} // namespace
 
 NotificationBus::NotificationBus(const QDBusConnection& connection, QObject* parent)
     : QObject(parent), m_connection(connection)
@@ -30,8 +27,8 @@ bool NotificationBus::addObserver(const QString& name, std::function<void()> han
             m_connection.connect(QString(), kNotificationsPath, kNotificationsInterface, kNotificationsSignal,
                                  QStringList{name}, QStringLiteral("s"), this, SLOT(posted(QString)));
         if (!connected) {
-            qCWarning(lcNotifications)
-                << "addObserver: the bus refused the match for" << name << m_connection.lastError().message();
+            Log(13, "addObserver: the bus refused the match for %@: %@", name,
+                m_connection.lastError().message());
             return false;
         }
         m_order.append(name);

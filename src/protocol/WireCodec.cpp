@@ -1,12 +1,12 @@
-#include "link/WireCodec.h"
+#include "protocol/WireCodec.h"
 
+#include "logging/Log.h"
 #include "platform/PlistValue.h"
 
 #include <QByteArray>
 #include <QDBusArgument>
 #include <QDBusVariant>
 #include <QDateTime>
-#include <QLoggingCategory>
 #include <QStringList>
 #include <QVariantHash>
 #include <QVariantList>
@@ -15,8 +15,6 @@
 namespace nimbrel::wire {
 
 namespace {
-
-Q_LOGGING_CATEGORY(lcWire, "nimbrel.link.wire")
 
 // The bus refuses a message whose containers (arrays, dictionary entries, structs, variants) nest
 // deeper than 64, counted from the top of the body, and drops the sender's connection for it. A
@@ -37,7 +35,7 @@ QVariant encode(const QVariant& value, int depth);
 
 QVariant tooDeep(const QVariant& value)
 {
-    qCWarning(lcWire) << "toWire: dropped a" << value.metaType().name() << "nested too deep for the bus";
+    Log(13, "toWire: dropped a %s nested too deep for the bus", value.metaType().name());
     return {};
 }
 
@@ -94,7 +92,7 @@ QVariant encode(const QVariant& value, int depth)
     QString error;
     QVariant normal = plist::normalized(value, &error);
     if (!normal.isValid()) {
-        qCWarning(lcWire) << "toWire: dropped a value of type" << value.metaType().name() << error;
+        Log(13, "toWire: dropped a value of type %s: %@", value.metaType().name(), error);
         return {};
     }
     const int cost = normal.typeId() == QMetaType::QDateTime    ? 2
@@ -115,7 +113,7 @@ QVariant decodeElement(QDBusVariant& element, int depth);
 QVariant decodeArgument(const QDBusArgument argument, int depth)
 {
     if (depth > kMaxWireDepth) {
-        qCWarning(lcWire) << "fromWire: dropped a value nested deeper than" << kMaxWireDepth << "levels";
+        Log(13, "fromWire: dropped a value nested deeper than %d levels", kMaxWireDepth);
         return {};
     }
     const QString signature = argument.currentSignature();
@@ -153,7 +151,7 @@ QVariant decodeArgument(const QDBusArgument argument, int depth)
         QDateTime date;
         argument >> date;
         if (!date.isValid()) {
-            qCWarning(lcWire) << "fromWire: dropped an invalid date";
+            Log(13, "fromWire: dropped an invalid date");
             return {};
         }
         return date.toUTC();
@@ -168,7 +166,7 @@ QVariant decodeArgument(const QDBusArgument argument, int depth)
         argument >> strings;
         return QVariantList(strings.cbegin(), strings.cend());
     }
-    qCWarning(lcWire) << "fromWire: dropped a value of D-Bus type" << signature;
+    Log(13, "fromWire: dropped a value of D-Bus type %@", signature);
     return {};
 }
 
@@ -187,7 +185,7 @@ QVariant decodeElement(QDBusVariant& element, int depth)
 QVariant decode(const QVariant& value, int depth)
 {
     if (depth > kMaxWireDepth) {
-        qCWarning(lcWire) << "fromWire: dropped a value nested deeper than" << kMaxWireDepth << "levels";
+        Log(13, "fromWire: dropped a value nested deeper than %d levels", kMaxWireDepth);
         return {};
     }
     const QMetaType type = value.metaType();
@@ -241,7 +239,7 @@ QVariant decode(const QVariant& value, int depth)
     }
     default:
         // Object paths, signatures, file descriptors: no property list holds them.
-        qCWarning(lcWire) << "fromWire: dropped a value of type" << type.name();
+        Log(13, "fromWire: dropped a value of type %s", type.name());
         return {};
     }
 }
