@@ -18,6 +18,7 @@
 #include <QTabWidget>
 #include <QTextCursor>
 #include <cstdio>
+#include <sys/stat.h>
 
 namespace nimbrel {
 
@@ -27,18 +28,25 @@ inline constexpr qsizetype kLogChunk = 4096;
 inline constexpr double kLogTimerInterval = 1.0;
 const QString kLogName = QStringLiteral("Nimbrel");
 
-// A chunk as text: UTF-8, else 7-bit ASCII; nullopt when it is neither.
-std::optional<QString> decodeChunk(const char* bytes, qsizetype size)
+// Appends a chunk to `out` as text: UTF-8, else 7-bit ASCII; false (nothing appended) when it is
+// neither. Decodes straight into the buffer: an 8 MiB log is one copy, not three.
+bool appendChunk(QString& out, const char* bytes, qsizetype size)
 {
+    const qsizetype start = out.size();
+    out.resize(start + size); // UTF-8 never yields more UTF-16 units than bytes
     QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    QString text = utf8.decode(QByteArrayView(bytes, size));
-    if (!utf8.hasError())
-        return text;
+    QChar* end = utf8.appendToBuffer(out.data() + start, QByteArrayView(bytes, size));
+    if (!utf8.hasError()) {
+        out.resize(end - out.constData());
+        return true;
+    }
+    out.resize(start);
     for (qsizetype i = 0; i < size; ++i) {
         if (static_cast<unsigned char>(bytes[i]) > 0x7f)
-            return std::nullopt;
+            return false;
     }
-    return QString::fromLatin1(bytes, size);
+    out += QLatin1String(bytes, size);
+    return true;
 }
 
 } // namespace
@@ -77,14 +85,16 @@ void ComQuorviaNimbrelPref::updateLogView()
     // Chunks of 4 096 bytes; what decodes is appended at the end in one edit, what does not is
     // skipped but counted.
     QString appended;
+    struct stat status = {};
+    if (fstat(fileno(file), &status) == 0 && status.st_size > static_cast<off_t>(m_logSize))
+        appended.reserve(static_cast<qsizetype>(status.st_size - static_cast<off_t>(m_logSize)));
     quint64 total = 0;
     char buffer[kLogChunk];
     size_t count = 0;
     do {
         count = std::fread(buffer, 1, sizeof buffer, file);
         if (count > 0) {
-            if (const std::optional<QString> text = decodeChunk(buffer, static_cast<qsizetype>(count)))
-                appended += *text;
+            appendChunk(appended, buffer, static_cast<qsizetype>(count));
             total += count;
         }
     } while (count == sizeof buffer);
