@@ -6,6 +6,7 @@
 
 #include "pane/PaneIcon.h"
 #include "platform/Bundle.h"
+#include "platform/gui/GuiHooks.h"
 #include "platform/Strings.h"
 
 #include <QApplication>
@@ -55,6 +56,7 @@ int main(int argc, char** argv)
     QApplication::setApplicationVersion(QStringLiteral(NIMBREL_VERSION));
     QApplication::setDesktopFileName(QStringLiteral("nimbrel-preferences"));
     QApplication::setWindowIcon(paneIcon());
+    installGuiPlatformHooks(); // the start-up guard's message box, the Option key of the calendar rows
 
     PreferencesHost* host = nullptr;
     PreferencesService service(QDBusConnection::sessionBus(), [&host] {

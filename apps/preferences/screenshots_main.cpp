@@ -5,6 +5,7 @@
 #include "PreferencesHost.h"
 
 #include "platform/Bundle.h"
+#include "platform/gui/GuiHooks.h"
 #include "platform/SettingsStore.h"
 #include "platform/Strings.h"
 
@@ -57,6 +58,7 @@ template <class T> T* openTopLevel()
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
+    installGuiPlatformHooks();
     if (argc != 2) {
         std::fprintf(stderr, "usage: nimbrel-screenshots DIR\n");
         return 2;

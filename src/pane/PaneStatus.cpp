@@ -70,7 +70,10 @@ bool ComQuorviaNimbrelPref::displayMenuBar() const
 
 void ComQuorviaNimbrelPref::setDisplayMenuBar(bool display)
 {
+    // A bound setter announces its own key, as every binding expects.
+    willChangeValueForKey(QStringLiteral("displayMenuBar"));
     m_com->setMenuBarAppRunning(display);
+    didChangeValueForKey(QStringLiteral("displayMenuBar"));
 }
 
 bool ComQuorviaNimbrelPref::checkForUpdates() const
@@ -80,7 +83,9 @@ bool ComQuorviaNimbrelPref::checkForUpdates() const
 
 void ComQuorviaNimbrelPref::setCheckForUpdates(bool check)
 {
+    willChangeValueForKey(QStringLiteral("checkForUpdates"));
     m_com->setAutoCheckForUpdates(check);
+    didChangeValueForKey(QStringLiteral("checkForUpdates"));
 }
 
 QDateTime ComQuorviaNimbrelPref::lastCheckedDate() const

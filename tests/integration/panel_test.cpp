@@ -58,7 +58,7 @@ TEST(Panel, StartAndStopReachTheStatusLineAndTheLogTabShowsNimbrelsLines)
         pane.com().setProcessLookup([executable](const QString& identifier) -> qint64 {
             return identifier == kBackgroundAppIdentifier ? ourBackgroundApp(executable) : 0;
         });
-        pane.com().setHandshakeTimeout(2000);
+        pane.com().setHandshakeTimeout(10000);
     });
     host.start();
     auto* status = host.window()->findChild<QLabel*>(s("statusLabel"));

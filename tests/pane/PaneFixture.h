@@ -89,7 +89,7 @@ protected:
         com.setProcessLookup([this](const QString& identifier) { return running.value(identifier); });
         com.setApplicationLauncher([this](const QString& path) { return recorded.launched << QFileInfo(path).fileName(), true; });
         com.setApplicationTerminator([](qint64) {});
-        com.setHandshakeTimeout(2000);
+        com.setHandshakeTimeout(10000); // the real value: a loaded machine must not fail the handshake
     }
 
     template <class T> T* find(const char* name) const

@@ -5,6 +5,7 @@
 #include "PaneFixture.h"
 
 #include "cells/ClickableTextField.h"
+#include "platform/SettingsStore.h"
 
 #include <QCheckBox>
 #include <QDialog>
@@ -154,6 +155,20 @@ TEST_F(PaneTest, HelpOpensTheGuideAtTheTagsAnchor)
     ClickableTextField link(s("www.example.org"));
     pane->webURL(&link);
     EXPECT_EQ(recorded.urls.last(), s("http://www.example.org"));
+}
+
+TEST_F(PaneTest, TrayAndUpdateCheckboxesWriteThroughTheLink)
+{
+    auto* tray = find<QCheckBox>("menuBarCheckbox");
+    auto* updates = find<QCheckBox>("autoUpdateCheckbox");
+    EXPECT_FALSE(tray->isChecked());
+    EXPECT_TRUE(updates->isChecked()); // no interval stored: checking is on
+    tray->click();
+    EXPECT_EQ(recorded.launched, QStringList{s("NimbrelMenu.app")});
+    EXPECT_TRUE(tray->isChecked());
+    updates->click();
+    EXPECT_EQ(pane->com().sharedSettings().numberValue(s("checkForUpdateInterval")), 1000000000.0);
+    EXPECT_FALSE(updates->isChecked());
 }
 
 TEST_F(PaneTest, UpdateCheckWaitsForTheAnswer)
