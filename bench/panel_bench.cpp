@@ -3,9 +3,9 @@
 // application serving 10 000 calendars (500 ms); also, for the record, until the pane is selected
 // and shows the real status (no budget of its own).
 //
-//     cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMBREL_BUILD_BENCH=ON -DNIMBREL_BUILD_TESTS=OFF
-//     cmake --build build-bench -j2 --target panel_bench nimbrel-preferences Nimbrel pane_bundle
-//     build-bench/bin/panel_bench
+//     cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DNIMBREL_BUILD_BENCH=ON
+//     -DNIMBREL_BUILD_TESTS=OFF cmake --build build-bench -j2 --target panel_bench nimbrel-preferences
+//     Nimbrel pane_bundle build-bench/bin/panel_bench
 // The benchmark makes its own HOME and XDG folders and its own private session bus; it touches none of
 // the user's files and works offscreen.
 
@@ -113,7 +113,8 @@ struct BackgroundApp
     bool start(int calendars)
     {
         // 10 000 local calendars: vdir folders with a display name and a colour.
-        const QString root = QDir(qEnvironmentVariable("XDG_DATA_HOME")).filePath(QStringLiteral("Nimbrel/Calendars"));
+        const QString root =
+            QDir(qEnvironmentVariable("XDG_DATA_HOME")).filePath(QStringLiteral("Nimbrel/Calendars"));
         for (int i = 0; i < calendars; ++i) {
             const QString folder = QStringLiteral("%1/cal-%2").arg(root).arg(i, 5, 10, QLatin1Char('0'));
             QDir().mkpath(folder);
@@ -122,7 +123,8 @@ struct BackgroundApp
             name.write("Calendar " + QByteArray::number(i));
         }
         bus.setProgram(QStringLiteral("dbus-daemon"));
-        bus.setArguments({QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+        bus.setArguments(
+            {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
         bus.start();
         if (!bus.waitForReadyRead(10000))
             return false;
@@ -168,7 +170,8 @@ void runPanel(benchmark::State& state, const QByteArray& line)
         return;
     }
     // Not a first launch, nothing to start: the panel opens straight onto its status.
-    SettingsStore(SettingsStore::domainPath(QStringLiteral("com.quorvia.Nimbrel"))).setValue(QStringLiteral("welcomed"), true);
+    SettingsStore(SettingsStore::domainPath(QStringLiteral("com.quorvia.Nimbrel")))
+        .setValue(QStringLiteral("welcomed"), true);
     for (auto _ : state) {
         QProcess panel;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -208,7 +211,8 @@ int main(int argc, char** argv)
 {
     // A private home for everything the panel and the background application write.
     QTemporaryDir home;
-    for (const char* variable : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
+    for (const char* variable :
+         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
         const QString path = home.path() + QLatin1Char('/') + QLatin1String(variable);
         QDir().mkpath(path);
         qputenv(variable, path.toUtf8());

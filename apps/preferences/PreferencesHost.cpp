@@ -136,7 +136,8 @@ bool PreferencesHost::eventFilter(QObject* watched, QEvent* event)
     case QEvent::WindowStateChange:
         if (m_window->isMinimized())
             unselect();
-        else if (static_cast<QWindowStateChangeEvent*>(event)->oldState() & Qt::WindowMinimized && m_window->isVisible())
+        else if (static_cast<QWindowStateChangeEvent*>(event)->oldState() & Qt::WindowMinimized &&
+                 m_window->isVisible())
             selectSoon();
         break;
     case QEvent::Close:

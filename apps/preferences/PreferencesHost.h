@@ -25,7 +25,10 @@ public:
 
     // Runs right after the pane is created, before its view loads and it is first selected (tests and
     // the screenshot tool replace the pane's process lookup and launcher here).
-    void setPaneCreatedHandler(std::function<void(ComQuorviaNimbrelPref&)> handler) { m_paneCreated = std::move(handler); }
+    void setPaneCreatedHandler(std::function<void(ComQuorviaNimbrelPref&)> handler)
+    {
+        m_paneCreated = std::move(handler);
+    }
     // Creates the pane (initWithBundle:), loads its view, awakeFromNib, mainViewDidLoad, shows the window.
     void start();
     QWidget* window() const { return m_window.get(); }

@@ -29,17 +29,18 @@ std::optional<PreferencesService::Claim> PreferencesService::claim(QString* erro
 
     // The object first, so an Activate that arrives right after the name is taken finds it.
     m_connection.registerObject(kPreferencesObjectPath, this, QDBusConnection::ExportScriptableSlots);
-    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = m_connection.interface()->registerService(
-        kPreferencesServiceName, QDBusConnectionInterface::DontQueueService,
-        QDBusConnectionInterface::DontAllowReplacement);
+    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+        m_connection.interface()->registerService(kPreferencesServiceName,
+                                                  QDBusConnectionInterface::DontQueueService,
+                                                  QDBusConnectionInterface::DontAllowReplacement);
     if (!reply.isValid())
         return fail(reply.error().message());
     if (reply.value() == QDBusConnectionInterface::ServiceRegistered)
         return Claim::Owner;
 
     m_connection.unregisterObject(kPreferencesObjectPath);
-    QDBusMessage activate = QDBusMessage::createMethodCall(kPreferencesServiceName, kPreferencesObjectPath,
-                                                           kPreferencesServiceName, QStringLiteral("Activate"));
+    QDBusMessage activate = QDBusMessage::createMethodCall(
+        kPreferencesServiceName, kPreferencesObjectPath, kPreferencesServiceName, QStringLiteral("Activate"));
     activate.setAutoStartService(false);
     const QDBusMessage answer = m_connection.call(activate, QDBus::Block, 5000);
     if (answer.type() == QDBusMessage::ErrorMessage)

@@ -3,11 +3,10 @@
 
 #include "PreferencesHost.h"
 #include "SingleInstance.h"
-
 #include "pane/PaneIcon.h"
 #include "platform/Bundle.h"
-#include "platform/gui/GuiHooks.h"
 #include "platform/Strings.h"
+#include "platform/gui/GuiHooks.h"
 
 #include <QApplication>
 #include <cstdio>
@@ -45,7 +44,8 @@ int main(int argc, char** argv)
             std::printf("nimbrel-preferences %s\n", NIMBREL_VERSION);
             return 0;
         }
-        if (argv[i][0] == '-' && std::strncmp(argv[i], "-platform", 9) != 0 && std::strncmp(argv[i], "-style", 6) != 0) {
+        if (argv[i][0] == '-' && std::strncmp(argv[i], "-platform", 9) != 0 &&
+            std::strncmp(argv[i], "-style", 6) != 0) {
             std::fprintf(stderr, "nimbrel-preferences: unknown option %s\n\n%s", argv[i], kUsage);
             return 2;
         }
@@ -72,7 +72,8 @@ int main(int argc, char** argv)
 
     const Bundle bundle(Bundle::defaultPaneBundlePath());
     if (!bundle.isValid()) {
-        std::fprintf(stderr, "nimbrel-preferences: cannot open the pane bundle: %s\n", qPrintable(bundle.error()));
+        std::fprintf(stderr, "nimbrel-preferences: cannot open the pane bundle: %s\n",
+                     qPrintable(bundle.error()));
         return 2;
     }
     if (!bundle.loadStringTable(kStringTable))
@@ -88,7 +89,8 @@ int main(int argc, char** argv)
             std::fputs(line, stdout);
             std::fflush(stdout);
         };
-        QObject::connect(&preferences, &PreferencesHost::firstPaint, &preferences, [report] { report("first paint\n"); });
+        QObject::connect(&preferences, &PreferencesHost::firstPaint, &preferences,
+                         [report] { report("first paint\n"); });
         QObject::connect(&preferences, &PreferencesHost::selected, &preferences, [report, &preferences] {
             report("selected\n");
             preferences.terminate();

@@ -3,11 +3,10 @@
 // scripts/screenshots; never installed.
 
 #include "PreferencesHost.h"
-
 #include "platform/Bundle.h"
-#include "platform/gui/GuiHooks.h"
 #include "platform/SettingsStore.h"
 #include "platform/Strings.h"
+#include "platform/gui/GuiHooks.h"
 
 #include <QApplication>
 #include <QDeadlineTimer>
@@ -87,7 +86,8 @@ int main(int argc, char** argv)
     PreferencesHost host(bundle, environment);
     // The tray icon is not part of the pictures: its start is a no-op here.
     host.setPaneCreatedHandler([](ComQuorviaNimbrelPref& pane) {
-        pane.com().setApplicationLauncher([](const QString& path) { return path.endsWith(QLatin1String("NimbrelMenu.app")); });
+        pane.com().setApplicationLauncher(
+            [](const QString& path) { return path.endsWith(QLatin1String("NimbrelMenu.app")); });
     });
     host.start();
     ComQuorviaNimbrelPref* pane = host.pane();
@@ -122,7 +122,8 @@ int main(int argc, char** argv)
         settle(200);
     }
     // The restart advice after an update on a shared computer.
-    SettingsStore(ComQuorviaNimbrelPref::hostDefaultsPath()).remove(QStringLiteral("com.quorvia.Nimbrel.vers"));
+    SettingsStore(ComQuorviaNimbrelPref::hostDefaultsPath())
+        .remove(QStringLiteral("com.quorvia.Nimbrel.vers"));
     pane->checkUpdatedMultiuserSystem(false);
     settle(300);
     if (auto* alert = openTopLevel<QMessageBox>()) {

@@ -17,7 +17,8 @@ QStyle* styleOf(const QStyleOptionViewItem& option)
 
 } // namespace
 
-SourceButtonCell::SourceButtonCell(const QString& text, QObject* parent) : QStyledItemDelegate(parent), m_text(text)
+SourceButtonCell::SourceButtonCell(const QString& text, QObject* parent)
+    : QStyledItemDelegate(parent), m_text(text)
 {
 }
 
@@ -60,7 +61,8 @@ QRect SourceButtonCell::boxRect(const QStyleOptionViewItem& option, const QModel
     return box.intersected(opt.rect);
 }
 
-void SourceButtonCell::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const
+void SourceButtonCell::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                             const QModelIndex& index) const
 {
     QStyleOptionViewItem opt = option;
     initStyleOption(&opt, index);
@@ -74,9 +76,9 @@ void SourceButtonCell::paint(QPainter* painter, const QStyleOptionViewItem& opti
     QStyleOptionButton button = buttonOption(opt);
     if (opt.state & QStyle::State_Selected)
         button.palette.setColor(QPalette::WindowText, opt.palette.color(QPalette::HighlightedText));
-    button.text = opt.fontMetrics.elidedText(opt.text, Qt::ElideRight,
-                                             qMax(0, opt.rect.width() - style->pixelMetric(
-                                                                            QStyle::PM_IndicatorWidth) - 12));
+    button.text = opt.fontMetrics.elidedText(
+        opt.text, Qt::ElideRight,
+        qMax(0, opt.rect.width() - style->pixelMetric(QStyle::PM_IndicatorWidth) - 12));
     style->drawControl(QStyle::CE_CheckBox, &button, painter, opt.widget);
 }
 
@@ -99,8 +101,8 @@ void SourceButtonCell::toggle(QAbstractItemModel* model, const QModelIndex& inde
     }
 }
 
-bool SourceButtonCell::editorEvent(QEvent* event, QAbstractItemModel* model, const QStyleOptionViewItem& option,
-                                   const QModelIndex& index)
+bool SourceButtonCell::editorEvent(QEvent* event, QAbstractItemModel* model,
+                                   const QStyleOptionViewItem& option, const QModelIndex& index)
 {
     QStyleOptionViewItem opt = option;
     initStyleOption(&opt, index);
@@ -111,7 +113,8 @@ bool SourceButtonCell::editorEvent(QEvent* event, QAbstractItemModel* model, con
     case QEvent::MouseButtonDblClick: {
         const auto* mouse = static_cast<QMouseEvent*>(event);
         // A press outside the box is not tracked: it selects the row, nothing more.
-        const bool inside = mouse->button() == Qt::LeftButton && boxRect(option, index).contains(mouse->position().toPoint());
+        const bool inside =
+            mouse->button() == Qt::LeftButton && boxRect(option, index).contains(mouse->position().toPoint());
         m_pressed = inside && enabled ? QPersistentModelIndex(index) : QPersistentModelIndex();
         // A double click inside the box is the second half of a click pair: swallow it so it does not
         // also open the row.

@@ -28,7 +28,8 @@ QStyledItemDelegate* SourceTableColumn::dataCellForRow(const QModelIndex& index)
     return levelForRow(index) > 0 ? m_leafCell.data() : m_sourceCell.data();
 }
 
-void SourceTableColumn::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const
+void SourceTableColumn::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                              const QModelIndex& index) const
 {
     if (QStyledItemDelegate* cell = dataCellForRow(index))
         cell->paint(painter, option, index);
@@ -43,8 +44,8 @@ QSize SourceTableColumn::sizeHint(const QStyleOptionViewItem& option, const QMod
     return QStyledItemDelegate::sizeHint(option, index);
 }
 
-bool SourceTableColumn::editorEvent(QEvent* event, QAbstractItemModel* model, const QStyleOptionViewItem& option,
-                                    const QModelIndex& index)
+bool SourceTableColumn::editorEvent(QEvent* event, QAbstractItemModel* model,
+                                    const QStyleOptionViewItem& option, const QModelIndex& index)
 {
     // editorEvent is protected in the cells; the column is their friend in spirit: forward through
     // the public entry point every delegate has.

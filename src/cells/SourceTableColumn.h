@@ -23,7 +23,8 @@ public:
     QStyledItemDelegate* dataCellForRow(const QModelIndex& index) const;
     static int levelForRow(const QModelIndex& index);
 
-    void paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const override;
+    void paint(QPainter* painter, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override;
     QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
 
 protected:

@@ -1,7 +1,7 @@
 #include "cells/SourceTextFieldCell.h"
 
-#include <QFontMetrics>
 #include <QApplication>
+#include <QFontMetrics>
 #include <QPainter>
 
 namespace nimbrel {
@@ -35,7 +35,8 @@ QString SourceTextFieldCell::elidedText(const QString& text, int width) const
     return QFontMetrics(m_font).elidedText(line, Qt::ElideRight, width);
 }
 
-void SourceTextFieldCell::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const
+void SourceTextFieldCell::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                                const QModelIndex& index) const
 {
     QStyleOptionViewItem opt = option;
     initStyleOption(&opt, index);

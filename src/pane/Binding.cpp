@@ -15,7 +15,8 @@ void Binder::onDidChange(const QString& key, std::function<void()> refresh)
     }));
 }
 
-void Binder::bindProperty(QObject* widget, const char* property, const QString& key, std::function<QVariant()> getter)
+void Binder::bindProperty(QObject* widget, const char* property, const QString& key,
+                          std::function<QVariant()> getter)
 {
     QPointer<QObject> target(widget);
     onDidChange(key, [target, property, getter = std::move(getter)] {

@@ -24,7 +24,8 @@ public:
     explicit Binder(Observable& source) : m_source(source) {}
 
     // Any widget property (text, enabled, visible, …) follows `key`.
-    void bindProperty(QObject* widget, const char* property, const QString& key, std::function<QVariant()> getter);
+    void bindProperty(QObject* widget, const char* property, const QString& key,
+                      std::function<QVariant()> getter);
     void bindText(QLabel* label, const QString& key, std::function<QString()> getter);
     void bindTitle(QAbstractButton* button, const QString& key, std::function<QString()> getter);
     void bindEnabled(QWidget* widget, const QString& key, std::function<bool()> getter);

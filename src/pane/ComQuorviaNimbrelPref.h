@@ -13,11 +13,11 @@
 
 #include <QDBusConnection>
 #include <QDateTime>
-#include <QWidget>
 #include <QObject>
 #include <QPointer>
 #include <QUrl>
 #include <QVariantMap>
+#include <QWidget>
 #include <memory>
 #include <optional>
 #include <vector>

@@ -2,12 +2,11 @@
 // observations of awakeFromNib, the set-up of mainViewDidLoad, and key paths into the edited
 // dictionaries.
 
-#include "pane/ComQuorviaNimbrelPref.h"
-
 #include "cells/SourceButtonCell.h"
 #include "cells/SourceTableColumn.h"
 #include "cells/SourceTextFieldCell.h"
 #include "cells/ValueTransformers.h"
+#include "pane/ComQuorviaNimbrelPref.h"
 #include "pane/PaneIcon.h"
 #include "pane/Sheets.h"
 #include "platform/PrefPaneUtilities.h"
@@ -18,9 +17,9 @@
 
 #include <QAbstractItemView>
 #include <QApplication>
-#include <QHeaderView>
 #include <QDialog>
 #include <QFont>
+#include <QHeaderView>
 #include <QItemSelectionModel>
 #include <QLineEdit>
 #include <QProgressBar>
@@ -78,7 +77,8 @@ ComQuorviaNimbrelPref::~ComQuorviaNimbrelPref()
 void ComQuorviaNimbrelPref::performAfterDelay(const char* selector, double seconds,
                                               void (ComQuorviaNimbrelPref::*method)())
 {
-    m_runLoop->performAfterDelay(performTarget(), QByteArray(selector), seconds, [this, method] { (this->*method)(); });
+    m_runLoop->performAfterDelay(performTarget(), QByteArray(selector), seconds,
+                                 [this, method] { (this->*method)(); });
 }
 
 // ---- The view ------------------------------------------------------------------------------------
@@ -136,11 +136,13 @@ QWidget* ComQuorviaNimbrelPref::loadMainView(QWidget* window)
             QObject::connect(help, &QPushButton::clicked, this, [this, help] { helpButton(help); });
     }
     QObject::connect(ui.webLink, &ClickableTextField::action, this, &ComQuorviaNimbrelPref::webURL);
-    QObject::connect(m_tabView, &QTabWidget::currentChanged, this, &ComQuorviaNimbrelPref::tabViewDidSelectTabViewItem);
+    QObject::connect(m_tabView, &QTabWidget::currentChanged, this,
+                     &ComQuorviaNimbrelPref::tabViewDidSelectTabViewItem);
 
     // Bindings.
     m_binder.bindText(ui.statusLabel, QStringLiteral("statusMessage"), [this] { return statusMessage(); });
-    m_binder.bindTitle(m_startButton, QStringLiteral("startButtonName"), [this] { return startButtonName(); });
+    m_binder.bindTitle(m_startButton, QStringLiteral("startButtonName"),
+                       [this] { return startButtonName(); });
     m_binder.bindText(ui.versionLabel, QStringLiteral("versionString"), [this] { return versionString(); });
     m_binder.bindChecked(
         ui.menuBarCheckbox, QStringLiteral("displayMenuBar"), [this] { return displayMenuBar(); },
@@ -179,7 +181,8 @@ void ComQuorviaNimbrelPref::mainViewDidLoad()
 {
     // 1. The last-check date through a long-date formatter without time.
     if (m_checkDateField)
-        m_binder.bindText(m_checkDateField, QStringLiteral("lastCheckedDate"), [this] { return lastCheckedDateText(); });
+        m_binder.bindText(m_checkDateField, QStringLiteral("lastCheckedDate"),
+                          [this] { return lastCheckedDateText(); });
 
     // 2. Double click on the publishing table opens its options.
     if (m_publishTableView) {

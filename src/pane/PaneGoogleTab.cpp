@@ -2,12 +2,11 @@
 // here are its outlets and the sync progress callback.
 
 #include "pane/ComQuorviaNimbrelPref.h"
-
 #include "pane/Sheets.h"
 #include "ui_GoogleTab.h"
 
-#include <QProgressBar>
 #include <QHeaderView>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QStandardItemModel>
 #include <QTableView>

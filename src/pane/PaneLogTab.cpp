@@ -1,9 +1,8 @@
 // ComQuorviaNimbrelPref: the log tab — Nimbrel's filtered log appended as it grows, polled once a
 // second while the tab shows, and the logs mailed to support.
 
-#include "pane/ComQuorviaNimbrelPref.h"
-
 #include "logging/Log.h"
+#include "pane/ComQuorviaNimbrelPref.h"
 #include "pane/Sheets.h"
 #include "platform/RunLoop.h"
 #include "ui_LogTab.h"
@@ -118,7 +117,8 @@ void ComQuorviaNimbrelPref::setLogTimer()
     // A new one-shot timer; one already pending is not cancelled, only no longer referenced.
     const QByteArray timer = QByteArrayLiteral("logTimer:") + QByteArray::number(++m_logTimerSerial);
     m_logTimer = timer;
-    m_runLoop->performAfterDelay(performTarget(), timer, kLogTimerInterval, [this, timer] { logTimer(timer); });
+    m_runLoop->performAfterDelay(performTarget(), timer, kLogTimerInterval,
+                                 [this, timer] { logTimer(timer); });
 }
 
 void ComQuorviaNimbrelPref::cancelLogTimer()
@@ -156,8 +156,8 @@ void ComQuorviaNimbrelPref::emailButton(const QVariant& sender)
     const QString subject =
         sender.typeId() == QMetaType::QString ? sender.toString() : QStringLiteral("Nimbrel Logs");
     m_services.emailLogFiles(QFileInfo(logFilePath(kLogName)).absolutePath(),
-                             m_bundle.pathForResource(QStringLiteral("EmailLogScript"), QStringLiteral("sh")), subject,
-                             filteredLogFilePath(kLogName), true,
+                             m_bundle.pathForResource(QStringLiteral("EmailLogScript"), QStringLiteral("sh")),
+                             subject, filteredLogFilePath(kLogName), true,
                              m_bundle.objectForInfoDictionaryKey(QStringLiteral("LogsEMail")).toString());
     setEnabledIfLoaded(m_emailButton, true);
     stopAnimation(m_emailIndicator);

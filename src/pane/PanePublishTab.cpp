@@ -3,12 +3,11 @@
 // every selection refreshes, and the link's callbacks the spine relies on.
 
 #include "pane/ComQuorviaNimbrelPref.h"
-
 #include "pane/Sheets.h"
 #include "ui_PublishTab.h"
 
-#include <QProgressBar>
 #include <QHeaderView>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QStandardItemModel>
 #include <QTableView>
@@ -31,7 +30,9 @@ QWidget* ComQuorviaNimbrelPref::loadPublishTab()
     m_binder.bindLineEdit(
         ui.bonjourNameField, QStringLiteral("networkSettings"),
         [this] { return m_networkSettingsDict.value(QStringLiteral("bonjourName")).toString(); },
-        [this](const QString& name) { setValueForKeyPath(QStringLiteral("networkSettings.bonjourName"), name); });
+        [this](const QString& name) {
+            setValueForKeyPath(QStringLiteral("networkSettings.bonjourName"), name);
+        });
     return tab;
 }
 

@@ -2,7 +2,6 @@
 // Nimbrel's database (starting it first when needed) and opening a calendar backup.
 
 #include "pane/ComQuorviaNimbrelPref.h"
-
 #include "pane/Sheets.h"
 #include "platform/RunLoop.h"
 #include "platform/Strings.h"
@@ -37,7 +36,8 @@ QWidget* ComQuorviaNimbrelPref::loadResetTab()
                      [this] { resetSyncHistoryButton(m_resetSyncHistoryButton); });
     QObject::connect(m_resetButton, &QPushButton::clicked, this, [this] { resetButton(m_resetButton); });
     QPushButton* restore = ui.restoreFromBackupButton;
-    QObject::connect(restore, &QPushButton::clicked, this, [this, restore] { restoreFromBackupButton(restore); });
+    QObject::connect(restore, &QPushButton::clicked, this,
+                     [this, restore] { restoreFromBackupButton(restore); });
     return tab;
 }
 
@@ -52,12 +52,14 @@ void ComQuorviaNimbrelPref::resetSyncHistoryButton(QObject* sender)
             return;
         setEnabledIfLoaded(m_resetSyncHistoryButton, true);
         // The database reset stays out of reach for a minute after a history reset, on purpose.
-        performAfterDelay("enableResetButton", kEnableResetButtonDelay, &ComQuorviaNimbrelPref::enableResetButton);
+        performAfterDelay("enableResetButton", kEnableResetButtonDelay,
+                          &ComQuorviaNimbrelPref::enableResetButton);
         return;
     }
     // The older systems' script; no script ships on this platform, so its failure is logged.
     m_com->log(QStringLiteral("Running TigerResetSyncScript"));
-    if (m_bundle.pathForResource(QStringLiteral("TigerResetSyncScript"), QStringLiteral("applescript")).isEmpty())
+    if (m_bundle.pathForResource(QStringLiteral("TigerResetSyncScript"), QStringLiteral("applescript"))
+            .isEmpty())
         m_services.systemLog(QStringLiteral("resetSyncHistoryButton: AppleScript failed (no script)"));
 }
 
@@ -128,8 +130,8 @@ void ComQuorviaNimbrelPref::nimbrelResetFinished(bool success)
     if (m_restartAfterReset) {
         m_restartAfterReset = false;
         m_services.systemLog(QStringLiteral("Restarting Nimbrel"));
-        m_runLoop->performAfterDelay(performTarget(), QByteArrayLiteral("startButton"), kRestartAfterResetDelay,
-                                     [this] { startButton(this); });
+        m_runLoop->performAfterDelay(performTarget(), QByteArrayLiteral("startButton"),
+                                     kRestartAfterResetDelay, [this] { startButton(this); });
     }
 }
 

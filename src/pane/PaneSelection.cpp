@@ -19,7 +19,9 @@ void ComQuorviaNimbrelPref::didSelect()
     bool launchMenuBar = m_com->launchMenuBarAppAtStartup();
     const bool menuBarRunning = m_com->menuBarAppRunning();
     // 4.
-    setStatus(!backgroundResponsive ? StatusNotResponding : backgroundRunning ? StatusRunning : StatusStopped);
+    setStatus(!backgroundResponsive ? StatusNotResponding
+              : backgroundRunning   ? StatusRunning
+                                    : StatusStopped);
     // 5.
     updateNetworkSettings(m_com->bonjourInfo());
     // 6. A first launch starts both companions and greets the user.

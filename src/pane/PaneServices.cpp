@@ -128,7 +128,10 @@ PaneServices PaneServices::system()
     services.startRelaunchJob = nimbrel::startRelaunchJob;
     services.restartComputer = nimbrel::restartComputer;
     services.emailLogFiles = nimbrel::emailLogFiles;
-    services.terminateHost = [] { QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit, Qt::QueuedConnection); };
+    services.terminateHost = [] {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), &QCoreApplication::quit,
+                                  Qt::QueuedConnection);
+    };
     services.hostProgram = QCoreApplication::applicationFilePath();
     return services;
 }

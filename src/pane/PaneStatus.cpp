@@ -1,9 +1,8 @@
 // ComQuorviaNimbrelPref: the background application's status line and Start/Stop button, the update
 // check and menu-bar settings, help and web links, and the link's state callbacks.
 
-#include "pane/ComQuorviaNimbrelPref.h"
-
 #include "cells/ClickableTextField.h"
+#include "pane/ComQuorviaNimbrelPref.h"
 #include "pane/Sheets.h"
 #include "platform/Strings.h"
 #include "platform/SystemVersion.h"
@@ -59,8 +58,9 @@ bool ComQuorviaNimbrelPref::isRunning() const
 
 QString ComQuorviaNimbrelPref::versionString() const
 {
-    return localizedFormat(QStringLiteral("Nimbrel version %@"),
-                           {m_bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleShortVersionString")).toString()});
+    return localizedFormat(
+        QStringLiteral("Nimbrel version %@"),
+        {m_bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleShortVersionString")).toString()});
 }
 
 bool ComQuorviaNimbrelPref::displayMenuBar() const

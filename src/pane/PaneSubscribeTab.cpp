@@ -1,9 +1,8 @@
 // ComQuorviaNimbrelPref: the subscription tab. Its outline, sheets and actions come with the calendar
 // tabs; here are its outlets (the outline and its column) and the link's callbacks.
 
-#include "pane/ComQuorviaNimbrelPref.h"
-
 #include "cells/SourceTableColumn.h"
+#include "pane/ComQuorviaNimbrelPref.h"
 #include "ui_SubscribeTab.h"
 
 #include <QStandardItemModel>
@@ -55,7 +54,8 @@ void ComQuorviaNimbrelPref::nimbrelSubscribingToCalendar(const QVariantMap& cale
 
 void ComQuorviaNimbrelPref::nimbrelSubscribedCalendarsChanged()
 {
-    static const char* const keys[] = {"subscribeCalendars", "subscribeToGoogle", "googleAccount", "googleLastSync"};
+    static const char* const keys[] = {"subscribeCalendars", "subscribeToGoogle", "googleAccount",
+                                       "googleLastSync"};
     for (const char* key : keys)
         willChangeValueForKey(QLatin1String(key));
     for (const char* key : keys)

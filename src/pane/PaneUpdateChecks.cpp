@@ -2,7 +2,6 @@
 // disk while this one runs, and the restart advice after an update on a computer several users share.
 
 #include "pane/ComQuorviaNimbrelPref.h"
-
 #include "pane/Sheets.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"

@@ -19,10 +19,13 @@ void beginSheet(QDialog* sheet, QWidget* window, QObject* context, std::function
     if (window && sheet->parentWidget() != window)
         sheet->setParent(window, sheet->windowFlags() | Qt::Sheet | Qt::Dialog);
     sheet->setWindowModality(Qt::WindowModal);
-    QObject::connect(sheet, &QDialog::finished, context ? context : sheet, [didEnd = std::move(didEnd)](int code) {
-        if (didEnd)
-            didEnd(code);
-    }, Qt::SingleShotConnection);
+    QObject::connect(
+        sheet, &QDialog::finished, context ? context : sheet,
+        [didEnd = std::move(didEnd)](int code) {
+            if (didEnd)
+                didEnd(code);
+        },
+        Qt::SingleShotConnection);
     sheet->open();
 }
 
@@ -51,14 +54,17 @@ QMessageBox* beginAlertSheet(QWidget* window, QObject* context, const AlertTexts
     alert->setWindowModality(Qt::WindowModal);
     // Wide enough that a message of a few sentences reads as a paragraph, not a column.
     alert->setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 360px; }"));
-    QObject::connect(alert, &QDialog::finished, context ? context : alert, [alert, defaultButton, alternateButton, didEnd](int) {
-        const QAbstractButton* clicked = alert->clickedButton();
-        const int code = clicked == defaultButton     ? kAlertDefaultReturn
-                         : clicked == alternateButton ? kAlertAlternateReturn
-                                                      : kAlertOtherReturn;
-        if (didEnd)
-            didEnd(code);
-    }, Qt::SingleShotConnection);
+    QObject::connect(
+        alert, &QDialog::finished, context ? context : alert,
+        [alert, defaultButton, alternateButton, didEnd](int) {
+            const QAbstractButton* clicked = alert->clickedButton();
+            const int code = clicked == defaultButton     ? kAlertDefaultReturn
+                             : clicked == alternateButton ? kAlertAlternateReturn
+                                                          : kAlertOtherReturn;
+            if (didEnd)
+                didEnd(code);
+        },
+        Qt::SingleShotConnection);
     alert->open();
     return alert;
 }

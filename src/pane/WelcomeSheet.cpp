@@ -1,7 +1,6 @@
 // ComQuorviaNimbrelPref: the welcome sheet of the first launch and its sign-up request.
 
 #include "pane/ComQuorviaNimbrelPref.h"
-
 #include "pane/Sheets.h"
 #include "platform/PrefPaneUtilities.h"
 #include "ui_WelcomeSheet.h"

@@ -132,7 +132,8 @@ TEST(Transformers, GreyTheTextByBooleanAndLeaveNullAlone)
     {
         QVariant value;
         QVariant ifYes, ifNo;
-    } cases[] = {{true, grey, normal}, {false, normal, grey}, {1, grey, normal}, {QVariant(), QVariant(), QVariant()}};
+    } cases[] = {
+        {true, grey, normal}, {false, normal, grey}, {1, grey, normal}, {QVariant(), QVariant(), QVariant()}};
     for (const auto& c : cases) {
         EXPECT_EQ(yes.transformedValue(c.value), c.ifYes) << c.value.toString().toStdString();
         EXPECT_EQ(no.transformedValue(c.value), c.ifNo) << c.value.toString().toStdString();
@@ -144,7 +145,8 @@ TEST(ClickableTextField, ActsOnMouseDownWithAPointingHand)
     ClickableTextField field(s("www.example.org"));
     EXPECT_EQ(field.cursor().shape(), Qt::PointingHandCursor);
     QList<ClickableTextField*> senders;
-    QObject::connect(&field, &ClickableTextField::action, [&senders](ClickableTextField* f) { senders << f; });
+    QObject::connect(&field, &ClickableTextField::action,
+                     [&senders](ClickableTextField* f) { senders << f; });
     const QPointF at(3, 3);
     QMouseEvent down(QEvent::MouseButtonPress, at, at, Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(&field, &down);

@@ -2,7 +2,6 @@
 // Start and Stop from the button reach the status line, and the log tab shows what Nimbrel wrote.
 
 #include "PreferencesHost.h"
-
 #include "logging/Log.h"
 #include "platform/SettingsStore.h"
 #include "platform/Strings.h"
@@ -68,7 +67,8 @@ TEST(Panel, StartAndStopReachTheStatusLineAndTheLogTabShowsNimbrelsLines)
 
     button->click();
     EXPECT_EQ(status->text(), s("Nimbrel is starting..."));
-    ASSERT_TRUE(test::waitUntil([&] { return status->text() == s("Nimbrel is running"); }, 30000)) << status->text().toStdString();
+    ASSERT_TRUE(test::waitUntil([&] { return status->text() == s("Nimbrel is running"); }, 30000))
+        << status->text().toStdString();
     EXPECT_EQ(button->text(), s("Stop Nimbrel"));
     const qint64 pid = ourBackgroundApp(executable);
     ASSERT_NE(pid, 0);
@@ -76,11 +76,13 @@ TEST(Panel, StartAndStopReachTheStatusLineAndTheLogTabShowsNimbrelsLines)
     auto* tabs = host.window()->findChild<QTabWidget*>(s("tabView"));
     tabs->setCurrentWidget(tabs->findChild<QWidget*>(s("log")));
     auto* log = host.window()->findChild<QPlainTextEdit*>(s("logTextView"));
-    EXPECT_TRUE(test::waitUntil([&] { return log->toPlainText().contains(s("Nimbrel serving protocol version 5")); }, 20000))
+    EXPECT_TRUE(test::waitUntil(
+        [&] { return log->toPlainText().contains(s("Nimbrel serving protocol version 5")); }, 20000))
         << log->toPlainText().toStdString();
 
     button->click();
-    EXPECT_TRUE(test::waitUntil([&] { return status->text() == s("Nimbrel is stopped"); }, 30000)) << status->text().toStdString();
+    EXPECT_TRUE(test::waitUntil([&] { return status->text() == s("Nimbrel is stopped"); }, 30000))
+        << status->text().toStdString();
     EXPECT_TRUE(test::waitUntil([&] { return ourBackgroundApp(executable) == 0; }, 10000));
     if (const qint64 left = ourBackgroundApp(executable))
         ::kill(static_cast<pid_t>(left), SIGKILL);

@@ -65,7 +65,8 @@ protected:
         services.restartComputer = [r] { return ++r->restarts, r->restartError; };
         services.emailLogFiles = [r](const QString& folder, const QString& script, const QString& subject,
                                      const QString& filtered, bool system, const QString& mailto) {
-            r->email = {folder, QFileInfo(script).fileName(), subject, filtered, system ? s("1") : s("0"), mailto};
+            r->email = {folder,   QFileInfo(script).fileName(), subject,
+                        filtered, system ? s("1") : s("0"),     mailto};
             return true;
         };
         services.terminateHost = [r] { ++r->terminated; };
@@ -87,7 +88,8 @@ protected:
         pane->mainViewDidLoad();
         NimbrelCom& com = pane->com();
         com.setProcessLookup([this](const QString& identifier) { return running.value(identifier); });
-        com.setApplicationLauncher([this](const QString& path) { return recorded.launched << QFileInfo(path).fileName(), true; });
+        com.setApplicationLauncher(
+            [this](const QString& path) { return recorded.launched << QFileInfo(path).fileName(), true; });
         com.setApplicationTerminator([](qint64) {});
         com.setHandshakeTimeout(10000); // the real value: a loaded machine must not fail the handshake
     }

@@ -2,7 +2,6 @@
 // chunks skipped but counted, a log that shrank, the one-second chains, and mailing the logs.
 
 #include "PaneFixture.h"
-
 #include "logging/Log.h"
 
 #include <QPlainTextEdit>
@@ -24,7 +23,10 @@ protected:
         file.write(bytes);
     }
     QTabWidget* tabs() { return find<QTabWidget>("tabView"); }
-    void showTab(const char* identifier) { tabs()->setCurrentWidget(tabs()->findChild<QWidget*>(QLatin1String(identifier))); }
+    void showTab(const char* identifier)
+    {
+        tabs()->setCurrentWidget(tabs()->findChild<QWidget*>(QLatin1String(identifier)));
+    }
     std::string text() { return find<QPlainTextEdit>("logTextView")->toPlainText().toStdString(); }
     int timers() { return loop.pendingPerformCount(pane->performTarget()); }
 };
@@ -97,8 +99,9 @@ TEST_F(LogTest, EmailSendsTheSupportInfoFirstAndNamesTheSubject)
     find<QPushButton>("emailButton")->click();
     EXPECT_EQ(peer.callCount(s("techSupportInfo")), 1); // synchronous: done before the logs are packed
     const QString folder = QFileInfo(logFilePath(s("Nimbrel"))).absolutePath();
-    EXPECT_EQ(recorded.email, (QStringList{folder, s("EmailLogScript.sh"), s("Nimbrel Logs"), logPath(), s("1"),
-                                           bundle.objectForInfoDictionaryKey(s("LogsEMail")).toString()}));
+    EXPECT_EQ(recorded.email,
+              (QStringList{folder, s("EmailLogScript.sh"), s("Nimbrel Logs"), logPath(), s("1"),
+                           bundle.objectForInfoDictionaryKey(s("LogsEMail")).toString()}));
     EXPECT_TRUE(find<QPushButton>("emailButton")->isEnabled());
     pane->emailButton(s("Calendar trouble"));
     EXPECT_EQ(recorded.email.value(2), s("Calendar trouble"));

@@ -2,7 +2,6 @@
 // reset in its three starting situations, and restoring a backup through the file dialog.
 
 #include "PaneFixture.h"
-
 #include "platform/SettingsStore.h"
 
 #include <QFileDialog>
@@ -23,7 +22,10 @@ protected:
     void confirmReset(int tag)
     {
         resetButton()->click();
-        auto* alert = window->findChild<QMessageBox*>();
+        // The open one: an alert already answered may still wait for its deferred deletion.
+        QMessageBox* alert = nullptr;
+        for (QMessageBox* box : window->findChildren<QMessageBox*>())
+            alert = box->isVisible() ? box : alert;
         ASSERT_NE(alert, nullptr);
         for (QAbstractButton* button : alert->buttons()) {
             if (button->property("tag").toInt() == tag) {
@@ -49,8 +51,10 @@ TEST_F(ResetTest, HistoryResetKeepsTheDatabaseButtonAwayForAMinute)
     QStringList order;
     for (const RecordedCall& call : peer.calls())
         if (call.method.startsWith(s("syncHistory")) || call.method == s("log"))
-            order << call.method + (call.method == s("log") ? u' ' + call.arguments.value(0).toString() : QString());
-    EXPECT_EQ(order, (QStringList{s("log Resetting Sync Services"), s("syncHistoryWillBeReset"), s("syncHistoryWasReset")}));
+            order << call.method +
+                         (call.method == s("log") ? u' ' + call.arguments.value(0).toString() : QString());
+    EXPECT_EQ(order, (QStringList{s("log Resetting Sync Services"), s("syncHistoryWillBeReset"),
+                                  s("syncHistoryWasReset")}));
     EXPECT_TRUE(pane->com().sharedSettings().dateValue(s("lastResetDate")).has_value());
 
     loop.advance(59.9);

@@ -3,7 +3,6 @@
 // notice aimed at it is pending.
 
 #include "PaneFixture.h"
-
 #include "cells/ClickableTextField.h"
 #include "platform/SettingsStore.h"
 
@@ -25,9 +24,9 @@ TEST_F(PaneTest, StatusLineFollowsTheCodeAndAnnouncesOnlyChanges)
     {
         long code;
         const char* message;
-    } cases[] = {{1, "Nimbrel is stopped"}, {2, "Nimbrel is starting..."}, {3, "Nimbrel is stopping..."},
+    } cases[] = {{1, "Nimbrel is stopped"}, {2, "Nimbrel is starting..."},    {3, "Nimbrel is stopping..."},
                  {4, "Nimbrel is running"}, {5, "Nimbrel is not responding"}, {9, "Checking..."},
-                 {0, "Checking..."},       {6, "Nimbrel version error"}};
+                 {0, "Checking..."},        {6, "Nimbrel version error"}};
     QStringList notices;
     const Observation watch = pane->observe(QString(), [&notices](const ChangeNotice& n) {
         notices << (n.phase == ChangePhase::Will ? s("will ") : s("did ")) + n.key;
@@ -39,8 +38,9 @@ TEST_F(PaneTest, StatusLineFollowsTheCodeAndAnnouncesOnlyChanges)
         EXPECT_EQ(label->text(), s(c.message)) << c.code;
         EXPECT_EQ(pane->isRunning(), c.code == 4);
     }
-    EXPECT_EQ(notices.mid(0, 6), (QStringList{s("will startButtonName"), s("will statusMessage"), s("will isRunning"),
-                                              s("did startButtonName"), s("did statusMessage"), s("did isRunning")}));
+    EXPECT_EQ(notices.mid(0, 6),
+              (QStringList{s("will startButtonName"), s("will statusMessage"), s("will isRunning"),
+                           s("did startButtonName"), s("did statusMessage"), s("did isRunning")}));
     notices.clear();
     pane->setStatus(6);
     EXPECT_TRUE(notices.isEmpty()); // unchanged: no notice at all
@@ -100,7 +100,8 @@ TEST_F(PaneTest, FirstLaunchStartsBothCompanionsAndGreets)
     recorded.launched.clear();
     makePane(bundle);
     pane->didSelect();
-    EXPECT_EQ(recorded.launched, (QStringList{s("Nimbrel.app"), s("NimbrelMenu.app")})); // login items exist now
+    EXPECT_EQ(recorded.launched,
+              (QStringList{s("Nimbrel.app"), s("NimbrelMenu.app")})); // login items exist now
     pane->didUnselect();
     pane->com().setStartsAtLogin(false, pane->com().backgroundAppPath());
     pane->com().setStartsAtLogin(false, pane->com().menuBarAppPath());
@@ -119,7 +120,8 @@ TEST_F(PaneTest, WelcomeSheetSignsUpOnlyWithAnAddress)
         const char* button;
         const char* email;
         bool fetched;
-    } cases[] = {{"signUpButton", "ann@example.org", true}, {"signUpButton", "", false},
+    } cases[] = {{"signUpButton", "ann@example.org", true},
+                 {"signUpButton", "", false},
                  {"notNowButton", "ann@example.org", false}};
     for (const auto& c : cases) {
         recorded.fetched.clear();
@@ -188,8 +190,9 @@ TEST_F(PaneTest, UpdateCheckWaitsForTheAnswer)
     EXPECT_TRUE(button->isEnabled());
     EXPECT_FALSE(isAnimating(find<QProgressBar>("checkIndicator")));
     EXPECT_EQ(dates, (QStringList{s("will"), s("did")}));
-    EXPECT_EQ(find<QLabel>("checkDateField")->text(),
-              QLocale().toString(QDate(2001, 1, 1), QLocale::LongFormat)); // never checked: the reference date
+    EXPECT_EQ(
+        find<QLabel>("checkDateField")->text(),
+        QLocale().toString(QDate(2001, 1, 1), QLocale::LongFormat)); // never checked: the reference date
 }
 
 TEST_F(PaneTest, DestroyedPaneNeverHearsAPendingNotice)

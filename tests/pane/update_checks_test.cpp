@@ -3,7 +3,6 @@
 // and the relaunch job itself, run for real under a throw-away parent.
 
 #include "PaneFixture.h"
-
 #include "pane/PaneServices.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
@@ -116,14 +115,16 @@ TEST(RelaunchJob, StartsTheHostOnlyAfterItsParentHasGone)
 
     // The throw-away parent: this test's own helper, which starts the job and waits for its stdin.
     QProcess parent;
-    parent.start(QStringLiteral(NIMBREL_RELAUNCH_HELPER), {s("/path/with \"quotes\" $HOME/Nimbrel.prefPane"), program});
+    parent.start(QStringLiteral(NIMBREL_RELAUNCH_HELPER),
+                 {s("/path/with \"quotes\" $HOME/Nimbrel.prefPane"), program});
     ASSERT_TRUE(parent.waitForReadyRead(10000));
     EXPECT_EQ(parent.readLine().trimmed(), QByteArray("job started"));
     test::waitUntil([] { return false; }, 800); // four polls of the job
     EXPECT_FALSE(QFile::exists(marker)) << "the job did not wait for its parent";
     parent.closeWriteChannel();
     ASSERT_TRUE(parent.waitForFinished(10000));
-    ASSERT_TRUE(test::waitUntil([&] { return QFile::exists(marker) && QFileInfo(marker).size() > 0; }, 10000));
+    ASSERT_TRUE(
+        test::waitUntil([&] { return QFile::exists(marker) && QFileInfo(marker).size() > 0; }, 10000));
     QFile written(marker);
     written.open(QIODevice::ReadOnly);
     EXPECT_EQ(QString::fromUtf8(written.readAll()), s("/path/with \"quotes\" $HOME/Nimbrel.prefPane"));

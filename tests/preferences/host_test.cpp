@@ -3,7 +3,6 @@
 
 #include "PreferencesHost.h"
 #include "SingleInstance.h"
-
 #include "platform/SettingsStore.h"
 #include "platform/Strings.h"
 #include "support/TestEnvironment.h"
@@ -25,7 +24,7 @@ TEST(PreferencesHost, WindowEventsSelectAndUnselectThePane)
     PreferencesHost host(bundle, environment);
     host.start();
     QWidget* window = host.window();
-    EXPECT_FALSE(host.isSelected());                                // selected once the view has been displayed
+    EXPECT_FALSE(host.isSelected()); // selected once the view has been displayed
     ASSERT_TRUE(waitUntil([&host] { return host.isSelected(); })); // first show
     EXPECT_EQ(host.pane()->backgroundAppStatus(), ComQuorviaNimbrelPref::StatusStopped);
 
@@ -81,7 +80,8 @@ TEST(PreferencesHost, CommandLine)
         program.start(QStringLiteral(NIMBREL_PREFERENCES_PROGRAM), c.arguments);
         ASSERT_TRUE(program.waitForFinished(20000));
         EXPECT_EQ(program.exitCode(), c.exitCode) << c.arguments.join(u' ').toStdString();
-        EXPECT_TRUE(program.readAllStandardOutput().startsWith(c.output)) << c.arguments.join(u' ').toStdString();
+        EXPECT_TRUE(program.readAllStandardOutput().startsWith(c.output))
+            << c.arguments.join(u' ').toStdString();
     }
 }
 
