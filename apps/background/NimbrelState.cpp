@@ -345,6 +345,16 @@ bool NimbrelState::resumeAfterSyncHistoryReset()
     return ok;
 }
 
+CalendarStore& NimbrelState::calendarStore()
+{
+    return *d->store;
+}
+
+const CalendarSettings& NimbrelState::calendarSettings() const
+{
+    return d->settings;
+}
+
 QStringList NimbrelState::diagnostics() const
 {
     QStringList lines;
