@@ -1,28 +1,27 @@
-// The tray companion's shell on the private bus: where it finds the pane and the control panel, the
-// link driving the controller, one instance per session, and quitting on termination signals.
+// The tray companion on a private bus against the fake background application, in virtual time: it
+// never waits for the application (a hung one leaves the event loop free), follows its notifications,
+// starts it detached and stops it one-way, keeps its login item; and the program around it.
 
 #include "MenuBarApp.h"
 #include "MenuBarMenu.h"
-#include "QuitOnSignal.h"
 #include "SingleInstance.h"
-#include "link/NimbrelCom.h"
+#include "link/FakeAppPeer.h"
 #include "platform/Bundle.h"
+#include "platform/LoginItems.h"
 #include "platform/VirtualRunLoop.h"
-#include "protocol/NotificationBus.h"
 #include "support/TestEnvironment.h"
 
+#include <QCoreApplication>
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
 #include <QProcess>
-#include <QTimer>
-#include <csignal>
 #include <gtest/gtest.h>
 
 namespace nimbrel {
 namespace {
 
 using State = BackgroundAppState;
+using test::s;
 
 bool writeFile(const QString& path, const QByteArray& contents, bool executable = false)
 {
@@ -34,83 +33,121 @@ bool writeFile(const QString& path, const QByteArray& contents, bool executable 
     return !executable || file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
 }
 
-// A tray companion on the private bus with the build's pane bundle, virtual time and a process table
-// the test decides.
-struct AppHarness
+// The tray with the build's pane bundle, virtual time, the fake application and a process table the
+// test decides.
+struct Tray : ::testing::Test
 {
     VirtualRunLoop loop;
     ScopedRunLoop scope{loop};
-    bool backgroundRunning = false;
+    test::FakeAppPeer peer;
+    bool processExists = false;
     QStringList launched;
-    MenuBarApp app;
+    MenuBarApp app{test::paneBundlePath()};
     QList<State> states;
 
-    explicit AppHarness(const QString& pane = test::paneBundlePath()) : app(pane)
+    void SetUp() override
     {
-        app.link().setProcessLookup([this](const QString& identifier) -> qint64 {
-            return identifier == app.link().backgroundAppIdentifier() && backgroundRunning ? 4242 : 0;
-        });
-        app.link().setApplicationLauncher([this](const QString& path) {
+        app.watch().setProcessLookup([this](const QString&) -> qint64 { return processExists ? 4242 : 0; });
+        app.watch().setApplicationLauncher([this](const QString& path) {
             launched.append(path);
             return true;
         });
-        app.link().setHandshakeTimeout(500);
         QObject::connect(&app.controller(), &MenuBarController::changed,
                          [this] { states.append(app.controller().state()); });
     }
+    // The state after the answers on the bus have arrived.
+    bool settlesOn(const QList<State>& expected)
+    {
+        return test::waitUntil([&] { return states == expected; });
+    }
 };
 
-TEST(MenuBarApp, TheLinkDrivesTheStateAndStartStop)
+TEST_F(Tray, AHungApplicationNeverBlocksAndCountsAsNotResponding)
 {
-    AppHarness h;
-    h.app.start();
-    EXPECT_EQ(h.states, QList<State>{State::Stopped});
+    ASSERT_TRUE(peer.start());
+    peer.setNeverReply(s("version"));
+    processExists = true;
+    app.start();
+    // start() has returned while the application is asked: nothing is known yet.
+    EXPECT_EQ(app.controller().state(), State::Checking);
+    ASSERT_TRUE(peer.waitForCall(s("version")));
+    EXPECT_TRUE(states.isEmpty());
 
-    // With nobody serving the protocol, the link's handshake after "Nimbrel Running" fails at once.
-    h.backgroundRunning = true;
-    ASSERT_TRUE(NotificationBus::post(QStringLiteral("Nimbrel Running")));
-    ASSERT_TRUE(test::waitUntil([&] { return h.states.size() >= 3; }));
-    EXPECT_EQ(h.states, (QList<State>{State::Stopped, State::Running, State::NotResponding}));
-    EXPECT_TRUE(h.app.controller().backgroundAppRunning());
+    loop.advance(BackgroundAppWatch::kProbeDelay);
+    EXPECT_EQ(states, QList<State>{State::NotResponding});
+    // Stop goes out one-way; the tray still does not wait.
+    app.menu().startStopAction()->trigger();
+    ASSERT_TRUE(peer.waitForCall(s("shutdown")));
+    EXPECT_FALSE(peer.calls(s("shutdown")).first().replyExpected);
 
-    h.backgroundRunning = false;
-    ASSERT_TRUE(NotificationBus::post(QStringLiteral("Nimbrel Stopped")));
-    ASSERT_TRUE(test::waitUntil([&] { return h.app.controller().state() == State::Stopped; }));
-
-    // Start from the menu reaches the link, which launches the app bundle and waits for an answer.
-    h.states.clear();
-    h.app.menu().startStopAction()->trigger();
-    EXPECT_EQ(h.launched, QStringList{h.app.link().backgroundAppPath()});
-    EXPECT_FALSE(h.launched.first().isEmpty());
-    EXPECT_EQ(h.states, QList<State>{State::Starting});
-    h.loop.advance(kBackgroundAppStateChangeDelay);
-    EXPECT_EQ(h.states, (QList<State>{State::Starting, State::NotResponding}));
+    // Probed again a second later; once it answers it counts as running again.
+    peer.setNeverReply(s("version"), false);
+    loop.advance(BackgroundAppWatch::kReprobeDelay);
+    ASSERT_TRUE(settlesOn({State::NotResponding, State::Stopping, State::Running}));
+    for (const test::RecordedCall& call : peer.calls())
+        EXPECT_TRUE(call.method == s("version") || !call.replyExpected) << call.method.toStdString();
 }
 
-// The pane and the control panel are found from the executable; the menu offers the panel once it is there.
-TEST(MenuBarApp, FindsThePaneAndOpensTheControlPanelBesideIt)
+TEST_F(Tray, FollowsTheNotificationsAndStartsAndStopsWithTheLoginItem)
 {
+    app.start();
+    EXPECT_EQ(states, QList<State>{State::Stopped});
+    const QString appPath = app.watch().backgroundAppPath();
+    ASSERT_FALSE(appPath.isEmpty());
+
+    // Start: a detached launch, the login item added, and no answer within 20 s is "not responding".
+    app.menu().startStopAction()->trigger();
+    EXPECT_EQ(launched, QStringList{appPath});
+    EXPECT_TRUE(startsAtLogin(appPath));
+    loop.advance(BackgroundAppWatch::kStateChangeDelay);
+    EXPECT_EQ(states, (QList<State>{State::Stopped, State::Starting, State::NotResponding}));
+
+    // The application comes up and says so; its probe answers version 5.
+    ASSERT_TRUE(peer.start());
+    processExists = true;
+    ASSERT_TRUE(peer.post(s("Nimbrel Running")));
+    ASSERT_TRUE(settlesOn({State::Stopped, State::Starting, State::NotResponding, State::Running}));
+    ASSERT_TRUE(peer.waitForCall(s("version")));
+
+    // Stop: the one-way shutdown, the login item removed; "Nimbrel Stopped" ends it.
+    app.menu().startStopAction()->trigger();
+    ASSERT_TRUE(peer.waitForCall(s("shutdown")));
+    EXPECT_FALSE(startsAtLogin(appPath));
+    processExists = false;
+    ASSERT_TRUE(peer.post(s("Nimbrel Stopped")));
+    EXPECT_TRUE(test::waitUntil([&] { return states.last() == State::Stopped; }));
+    EXPECT_EQ(states.mid(states.size() - 2), (QList<State>{State::Stopping, State::Stopped}));
+    loop.advance(BackgroundAppWatch::kStateChangeDelay);
+    EXPECT_EQ(states.last(), State::Stopped) << "the confirmation cancelled the time-out";
+}
+
+// The pane and the control panel are found from the executable, in an installed tree and in the build
+// tree; the menu offers the panel once it is there.
+TEST_F(Tray, FindsThePaneAndOpensTheControlPanelBesideIt)
+{
+    EXPECT_EQ(preferencesProgramPath(test::paneBundlePath()),
+              QCoreApplication::applicationDirPath() + s("/nimbrel-preferences"));
     const QString prefix = test::makeTempDir();
-    const QString pane = prefix + QStringLiteral("/lib/nimbrel/Nimbrel.prefPane");
-    const QString menu = pane + QStringLiteral("/Resources/NimbrelMenu.app/NimbrelMenu");
+    const QString pane = prefix + s("/lib/nimbrel/Nimbrel.prefPane");
+    const QString menu = pane + s("/Resources/NimbrelMenu.app/NimbrelMenu");
     ASSERT_TRUE(writeFile(menu, "", true));
     // Not a pane until it has its Info.plist; an executable outside an app bundle falls back.
     EXPECT_EQ(paneBundlePathForExecutable(menu), Bundle::defaultPaneBundlePath());
-    ASSERT_TRUE(writeFile(pane + QStringLiteral("/Info.plist"), "<plist/>"));
+    ASSERT_TRUE(writeFile(pane + s("/Info.plist"), "<plist/>"));
     EXPECT_EQ(paneBundlePathForExecutable(menu), pane);
     for (const char* outside : {"/lib/nimbrel/Nimbrel.prefPane/Resources/NimbrelMenu", "/bin/NimbrelMenu"})
         EXPECT_EQ(paneBundlePathForExecutable(prefix + QLatin1String(outside)),
                   Bundle::defaultPaneBundlePath());
-    EXPECT_EQ(preferencesProgramPath(pane), prefix + QStringLiteral("/bin/nimbrel-preferences"));
 
-    AppHarness h(pane);
-    QAction* open = h.app.menu().preferencesAction();
-    emit h.app.menu().aboutToShow();
+    MenuBarApp tray(pane);
+    EXPECT_EQ(tray.preferencesProgram(), prefix + s("/bin/nimbrel-preferences"));
+    QAction* open = tray.menu().preferencesAction();
+    emit tray.menu().aboutToShow();
     EXPECT_FALSE(open->isEnabled());
-    const QString marker = prefix + QStringLiteral("/opened");
+    const QString marker = prefix + s("/opened");
     ASSERT_TRUE(
-        writeFile(h.app.preferencesProgram(), "#!/bin/sh\necho started > '" + marker.toUtf8() + "'\n", true));
-    emit h.app.menu().aboutToShow();
+        writeFile(tray.preferencesProgram(), "#!/bin/sh\necho started > '" + marker.toUtf8() + "'\n", true));
+    emit tray.menu().aboutToShow();
     ASSERT_TRUE(open->isEnabled());
     open->trigger();
     EXPECT_TRUE(test::waitUntil([&] { return QFileInfo::exists(marker); }));
@@ -120,7 +157,7 @@ TEST(MenuBarApp, FindsThePaneAndOpensTheControlPanelBesideIt)
 // says why it cannot run instead of aborting.
 TEST(NimbrelMenu, HelpAndVersionNeedNoDisplay)
 {
-    const QString program = test::paneBundlePath() + QStringLiteral("/Resources/NimbrelMenu.app/NimbrelMenu");
+    const QString program = test::paneBundlePath() + s("/Resources/NimbrelMenu.app/NimbrelMenu");
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
         environment.remove(QLatin1String(name));
@@ -129,75 +166,45 @@ TEST(NimbrelMenu, HelpAndVersionNeedNoDisplay)
         const char* argument;
         int status;
         const char* output;
-    } cases[] = {
-        {"--help", 0, "Usage:"}, {"--version", 0, "NimbrelMenu 1."}, {"--bogus", 1, "Unknown option"}};
+    } cases[] = {{"--help", 0, "Usage:"},
+                 {"--version", 0, "NimbrelMenu 1."},
+                 {"--bogus", 1, "Unknown option"},
+                 {nullptr, 1, "no display"}};
     for (const auto& c : cases) {
         QProcess menu;
         menu.setProcessEnvironment(environment);
-        menu.start(program, {QLatin1String(c.argument)});
-        ASSERT_TRUE(menu.waitForFinished(20000)) << c.argument;
-        EXPECT_EQ(menu.exitStatus(), QProcess::NormalExit) << c.argument;
-        EXPECT_EQ(menu.exitCode(), c.status) << c.argument;
+        menu.start(program, c.argument ? QStringList{QLatin1String(c.argument)} : QStringList());
+        ASSERT_TRUE(menu.waitForFinished(20000)) << c.output;
+        EXPECT_EQ(menu.exitStatus(), QProcess::NormalExit) << c.output;
+        EXPECT_EQ(menu.exitCode(), c.status) << c.output;
         EXPECT_TRUE((menu.readAllStandardOutput() + menu.readAllStandardError()).contains(c.output))
-            << c.argument;
+            << c.output;
     }
-    QProcess menu;
-    menu.setProcessEnvironment(environment);
-    menu.start(program, {});
-    ASSERT_TRUE(menu.waitForFinished(20000));
-    EXPECT_EQ(menu.exitCode(), 1);
-    EXPECT_TRUE(menu.readAllStandardError().contains("no display"));
 }
 
 TEST(SingleInstance, TheSecondClaimIsRefusedUntilTheFirstOwnerLeaves)
 {
     const QString name = kMenuBarServiceName;
-    QDBusConnection second =
-        QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("second"));
+    QDBusConnection second = QDBusConnection::connectToBus(QDBusConnection::SessionBus, s("second"));
     ASSERT_TRUE(second.isConnected());
     QString error;
     {
         // The process that came first; the connection closes when its last handle goes.
-        QDBusConnection first =
-            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("first"));
+        QDBusConnection first = QDBusConnection::connectToBus(QDBusConnection::SessionBus, s("first"));
         ASSERT_TRUE(first.isConnected());
         EXPECT_TRUE(claimBusName(first, name, &error)) << error.toStdString();
         EXPECT_FALSE(claimBusName(second, name, &error));
-        EXPECT_TRUE(error.contains(QStringLiteral("already"))) << error.toStdString();
+        EXPECT_TRUE(error.contains(s("already"))) << error.toStdString();
     }
-    QDBusConnection::disconnectFromBus(QStringLiteral("first"));
+    QDBusConnection::disconnectFromBus(s("first"));
     error.clear();
     EXPECT_TRUE(test::waitUntil([&] { return claimBusName(second, name, &error); })) << error.toStdString();
     second = QDBusConnection(QString());
-    QDBusConnection::disconnectFromBus(QStringLiteral("second"));
+    QDBusConnection::disconnectFromBus(s("second"));
 
     error.clear();
-    EXPECT_FALSE(claimBusName(QDBusConnection(QStringLiteral("never-connected")), name, &error));
+    EXPECT_FALSE(claimBusName(QDBusConnection(s("never-connected")), name, &error));
     EXPECT_FALSE(error.isEmpty());
-}
-
-TEST(QuitOnSignal, TerminationSignalsReachTheEventLoop)
-{
-    struct sigaction before = {};
-    ASSERT_EQ(sigaction(SIGTERM, nullptr, &before), 0);
-    {
-        QuitOnSignal handler({SIGTERM, SIGINT});
-        ASSERT_TRUE(handler.isValid());
-        QuitOnSignal another({SIGTERM});
-        EXPECT_FALSE(another.isValid());
-
-        for (const int signal : {SIGTERM, SIGINT}) {
-            QEventLoop loop;
-            QObject::connect(&handler, &QuitOnSignal::signalReceived, &loop,
-                             [&](int received) { loop.exit(received); });
-            QTimer::singleShot(0, [signal] { raise(signal); });
-            QTimer::singleShot(5000, &loop, [&] { loop.exit(-1); }); // guard only; the signal ends it first
-            EXPECT_EQ(loop.exec(), signal);
-        }
-    }
-    struct sigaction after = {};
-    ASSERT_EQ(sigaction(SIGTERM, nullptr, &after), 0);
-    EXPECT_EQ(after.sa_handler, before.sa_handler) << "the previous handler is restored";
 }
 
 } // namespace

@@ -101,9 +101,9 @@ TEST(MenuBarController, ReportedStatesMapLikeThePanelAndAClickAsksForTheOpposite
         h.controller.toggleBackgroundApp();
         EXPECT_TRUE(h.requests.isEmpty()) << "nothing is known yet";
 
-        h.controller.nimbrelBackgroundAppStateChange(row.running, row.responding);
+        h.controller.backgroundAppStateChange(row.running, row.responding);
         expectShows(h.controller, row.shown);
-        h.controller.nimbrelBackgroundAppStateChange(row.running, row.responding);
+        h.controller.backgroundAppStateChange(row.running, row.responding);
         EXPECT_EQ(h.changes, 1) << "a repeated state announces nothing";
 
         h.controller.toggleBackgroundApp();
@@ -117,23 +117,23 @@ TEST(MenuBarController, ReportedStatesMapLikeThePanelAndAClickAsksForTheOpposite
 TEST(MenuBarController, AnyAnswerEndsTheTransientState)
 {
     Harness h;
-    h.controller.nimbrelBackgroundAppStateChange(false, true);
+    h.controller.backgroundAppStateChange(false, true);
     h.controller.toggleBackgroundApp();
-    h.controller.nimbrelBackgroundAppStateChange(true, true);
+    h.controller.backgroundAppStateChange(true, true);
     expectShows(h.controller, kRunning);
     // A stop that the time-out ends: not responding, and the user may try again.
     h.controller.toggleBackgroundApp();
-    h.controller.nimbrelBackgroundAppStateChange(false, false);
+    h.controller.backgroundAppStateChange(false, false);
     expectShows(h.controller, kGone);
     // An answer equal to the state before the click still ends "starting".
     h.controller.toggleBackgroundApp();
-    h.controller.nimbrelBackgroundAppStateChange(false, false);
+    h.controller.backgroundAppStateChange(false, false);
     expectShows(h.controller, kGone);
     EXPECT_EQ(h.requests, (QList<bool>{true, false, true}));
 
     // The link answers from inside the request when the application already is as wanted.
     h.answer = [](MenuBarController& controller, bool wanted) {
-        controller.nimbrelBackgroundAppStateChange(wanted, true);
+        controller.backgroundAppStateChange(wanted, true);
     };
     h.changes = 0;
     h.controller.toggleBackgroundApp();
@@ -156,12 +156,12 @@ TEST(MenuBarMenu, FollowsTheControllerAndTriggersItsCommands)
     EXPECT_EQ(menu.quitAction()->text(), s("Quit"));
 
     expectShows(h.controller, kChecking, &menu);
-    h.controller.nimbrelBackgroundAppStateChange(true, true);
+    h.controller.backgroundAppStateChange(true, true);
     expectShows(h.controller, kRunning, &menu);
     menu.startStopAction()->trigger();
     EXPECT_EQ(h.requests, QList<bool>{false});
     expectShows(h.controller, kStopping, &menu);
-    h.controller.nimbrelBackgroundAppStateChange(true, false);
+    h.controller.backgroundAppStateChange(true, false);
     expectShows(h.controller, kHung, &menu);
 
     // The control panel may be installed while the tray runs: the menu looks again when it opens.
