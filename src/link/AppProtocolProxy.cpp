@@ -94,11 +94,15 @@ std::optional<QVariantList> AppProtocolProxy::listCall(const QString& method) co
     const std::optional<QVariant> answer = call(method);
     if (!answer)
         return std::nullopt;
-    if (answer->typeId() != QMetaType::QVariantList) {
+    if (answer->typeId() != QMetaType::QByteArray) {
         Log(13, "%@: answered a %s instead of a list", method, answer->typeName());
         return std::nullopt;
     }
-    return answer->toList();
+    QString error;
+    std::optional<QVariantList> list = wire::decodeList(answer->toByteArray(), &error);
+    if (!list)
+        Log(13, "%@: answered no list: %@", method, error);
+    return list;
 }
 
 std::optional<QVariantList> AppProtocolProxy::calendarsPublishableViaBonjour() const

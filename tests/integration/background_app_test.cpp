@@ -2,7 +2,7 @@
 // test's own HOME: start and handshake, state that survives a restart, shutdown, a frozen process, the
 // database reset, the login item, the stand-alone update check and the single instance.
 
-#include "link/MockDelegate.h"
+#include "support/MockDelegate.h"
 #include "link/NimbrelCom.h"
 #include "platform/Bundle.h"
 #include "platform/LoginItemsAE.h"

@@ -2,7 +2,7 @@
 // application on a private session bus.
 
 #include "link/AppProtocolProxy.h"
-#include "link/FakeAppPeer.h"
+#include "support/FakeAppPeer.h"
 #include "protocol/NotificationBus.h"
 #include "platform/PlistValue.h"
 #include "support/PlistCompare.h"

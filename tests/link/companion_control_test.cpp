@@ -1,8 +1,8 @@
 // NimbrelCom starting and stopping the companions, their login items, and the requests that wait for a
 // confirmation (update check, database reset), against the fake background application in virtual time.
 
-#include "link/FakeAppPeer.h"
-#include "link/MockDelegate.h"
+#include "support/FakeAppPeer.h"
+#include "support/MockDelegate.h"
 #include "link/NimbrelCom.h"
 #include "protocol/NotificationBus.h"
 #include "platform/LoginItemsAE.h"

@@ -2,8 +2,8 @@
 // retry, the notification table, the Bonjour publisher settings, the calendar lists, and the shared
 // settings in the background application's domain.
 
-#include "link/FakeAppPeer.h"
-#include "link/MockDelegate.h"
+#include "support/FakeAppPeer.h"
+#include "support/MockDelegate.h"
 #include "link/NimbrelCom.h"
 #include "protocol/NotificationBus.h"
 #include "platform/PlistCodec.h"

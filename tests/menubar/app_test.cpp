@@ -5,7 +5,7 @@
 #include "MenuBarApp.h"
 #include "MenuBarMenu.h"
 #include "SingleInstance.h"
-#include "link/FakeAppPeer.h"
+#include "support/FakeAppPeer.h"
 #include "platform/Bundle.h"
 #include "platform/LoginItems.h"
 #include "platform/VirtualRunLoop.h"
