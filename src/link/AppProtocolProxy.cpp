@@ -9,10 +9,18 @@ namespace nimbrel {
 
 namespace {
 
+std::function<void(const QString&)>& outgoingObserver()
+{
+    static std::function<void(const QString&)> observer;
+    return observer;
+}
+
 // The call as a message: no introspection, and a stopped background application stays stopped.
 // False (with `error` set) when an argument cannot be carried.
 bool buildCall(const QString& method, const QVariantList& arguments, QDBusMessage* message, QDBusError* error)
 {
+    if (outgoingObserver())
+        outgoingObserver()(method);
     *message =
         QDBusMessage::createMethodCall(kAppProtocolService, kAppProtocolPath, kAppProtocolInterface, method);
     message->setAutoStartService(false);
@@ -34,6 +42,11 @@ bool buildCall(const QString& method, const QVariantList& arguments, QDBusMessag
 } // namespace
 
 AppProtocolProxy::AppProtocolProxy(const QDBusConnection& connection) : m_connection(connection) {}
+
+void AppProtocolProxy::setOutgoingObserver(std::function<void(const QString& method)> observer)
+{
+    outgoingObserver() = std::move(observer);
+}
 
 bool AppProtocolProxy::send(const QString& method, const QVariantList& arguments) const
 {

@@ -10,7 +10,6 @@
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QDeadlineTimer>
-#include <QFile>
 #include <QThread>
 #include <QTimer>
 #include <QXmlStreamReader>
@@ -19,7 +18,7 @@ namespace nimbrel::test {
 
 namespace {
 
-const QString kInterfaceXml = QStringLiteral("dbus/com.quorvia.Nimbrel.AppProtocol.xml");
+const QString kFence = QStringLiteral("Nimbrel Test Fence");
 
 struct Signature
 {
@@ -28,13 +27,10 @@ struct Signature
 };
 
 // The methods of the interface as checked in: name → argument signature and kind.
-QHash<QString, Signature> interfaceMethods(QString* xml)
+QHash<QString, Signature> interfaceMethods(const QString& xml)
 {
-    QFile file(sourcePath(kInterfaceXml));
-    file.open(QIODevice::ReadOnly);
-    *xml = QString::fromUtf8(file.readAll());
     QHash<QString, Signature> methods;
-    QXmlStreamReader reader(*xml);
+    QXmlStreamReader reader(xml);
     QString method;
     while (!reader.atEnd()) {
         if (reader.readNext() != QXmlStreamReader::StartElement)
@@ -42,41 +38,30 @@ QHash<QString, Signature> interfaceMethods(QString* xml)
         const auto attribute = [&reader](const char* name) {
             return reader.attributes().value(QLatin1StringView(name)).toString();
         };
-        if (reader.name() == QLatin1StringView("method")) {
-            method = attribute("name");
-            methods.insert(method, {});
-        } else if (reader.name() == QLatin1StringView("arg") &&
-                   attribute("direction") == QLatin1String("in")) {
+        if (reader.name() == QLatin1StringView("method"))
+            methods.insert(method = attribute("name"), {});
+        else if (reader.name() == QLatin1StringView("arg") && attribute("direction") == QLatin1String("in"))
             methods[method].in += attribute("type");
-        } else if (reader.name() == QLatin1StringView("annotation") &&
-                   attribute("name") == QLatin1String("org.freedesktop.DBus.Method.NoReply")) {
+        else if (reader.name() == QLatin1StringView("annotation") &&
+                 attribute("name") == QLatin1String("org.freedesktop.DBus.Method.NoReply"))
             methods[method].oneWay = attribute("value") == QLatin1String("true");
-        }
     }
     return methods;
 }
 
-QString nextConnectionName()
-{
-    static QAtomicInt counter;
-    return QStringLiteral("nimbrel-fake-app-peer-%1").arg(counter.fetchAndAddRelaxed(1));
-}
-
 } // namespace
 
-// The object on the bus: every call of the path arrives here, on the peer thread.
+// The object on the bus: every call of its path arrives here, on the peer thread.
 class FakeAppPeer::Object : public QDBusVirtualObject
 {
 public:
-    explicit Object(FakeAppPeer* peer) : m_peer(peer) { m_methods = interfaceMethods(&m_xml); }
-
-    QString introspect(const QString&) const override
+    explicit Object(FakeAppPeer* peer)
+        : m_peer(peer), m_methods(interfaceMethods(QString::fromUtf8(
+                            readFile(sourcePath(s("dbus/com.quorvia.Nimbrel.AppProtocol.xml"))))))
     {
-        // The interface element of the checked-in file, as introspection wants it.
-        const qsizetype start = m_xml.indexOf(QLatin1String("<interface"));
-        const qsizetype end = m_xml.lastIndexOf(QLatin1String("</interface>"));
-        return start < 0 || end < 0 ? QString() : m_xml.mid(start, end + 12 - start);
     }
+
+    QString introspect(const QString&) const override { return {}; } // nobody asks the fake
 
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
     {
@@ -89,13 +74,14 @@ public:
                                                      QStringLiteral("%1 takes (%2)").arg(method, found->in)));
             return true;
         }
-
         RecordedCall recorded{method, {}, message.isReplyRequired()};
         for (const QVariant& argument : message.arguments())
             recorded.arguments.append(wire::fromWire(argument));
         Script script;
+        qsizetype index;
         {
             QMutexLocker lock(&m_peer->m_mutex);
+            index = m_peer->m_calls.size();
             m_peer->m_calls.append(std::move(recorded));
             script = m_peer->m_script;
         }
@@ -103,61 +89,55 @@ public:
         if (const QString notification = script.postOnCall.value(method); !notification.isEmpty())
             NotificationBus::post(notification, connection);
 
-        if (!message.isReplyRequired())
+        const bool sync = !found->oneWay;
+        if (!message.isReplyRequired() || (sync && script.neverReply.contains(method)))
             return true;
-        if (const QString error = script.errors.value(method); !error.isEmpty() && !found->oneWay) {
-            connection.send(
-                message.createErrorReply(error, QStringLiteral("%1 failed as scripted").arg(method)));
-            return true;
-        }
-        if (script.neverReply.contains(method) && !found->oneWay)
-            return true;
+        const QString error = sync ? script.errors.value(method) : QString();
         const QVariant answer = script.answers.value(method);
-        const QDBusMessage reply = answer.isValid() ? message.createReply(answer) : message.createReply();
-        const int delay = found->oneWay ? 0 : script.delays.value(method);
-        if (delay <= 0) {
-            connection.send(reply);
-        } else {
-            QDBusConnection sender = connection;
-            QTimer::singleShot(delay, this, [sender, reply] { sender.send(reply); });
-        }
+        const QDBusMessage reply =
+            !error.isEmpty()
+                ? message.createErrorReply(error, QStringLiteral("%1 failed as scripted").arg(method))
+            : answer.isValid() ? message.createReply(answer)
+                               : message.createReply();
+        // Marked answered before it leaves: a caller that has its reply always finds the mark.
+        const auto send = [peer = m_peer, connection, reply, index] {
+            {
+                QMutexLocker lock(&peer->m_mutex);
+                if (index < peer->m_calls.size())
+                    peer->m_calls[index].answered = true;
+            }
+            QDBusConnection(connection).send(reply);
+        };
+        if (const int delay = sync ? script.delays.value(method) : 0; delay > 0)
+            QTimer::singleShot(delay, this, send);
+        else
+            send();
         return true;
     }
 
 private:
     FakeAppPeer* m_peer;
-    QString m_xml;
     QHash<QString, Signature> m_methods;
 };
 
-FakeAppPeer::Script FakeAppPeer::defaultScript()
-{
-    Script script;
-    script.answers.insert(method::version, kAppProtocolVersion);
-    for (const QLatin1StringView list :
-         {method::calendarsPublishableViaBonjour, method::sourceListOfBonjourCalendars,
-          method::calendarsPublishableToGoogle, method::sourceListOfGoogleCalendars})
-        script.answers.insert(list, wire::encodeList({}));
-    script.answers.insert(method::bonjourPublisherInfo, QVariantMap());
-    script.answers.insert(method::googleSyncInProgress, false);
-    return script;
-}
-
 FakeAppPeer::FakeAppPeer()
-    : m_thread(std::make_unique<QThread>()), m_connectionName(nextConnectionName()),
+    : m_thread(std::make_unique<QThread>()), m_connectionName([] {
+          static QAtomicInt counter;
+          return QStringLiteral("nimbrel-fake-app-peer-%1").arg(counter.fetchAndAddRelaxed(1));
+      }()),
       m_connection(QDBusConnection::connectToBus(QDBusConnection::SessionBus, m_connectionName)),
-      m_object(new Object(this)), m_script(defaultScript())
+      m_object(new Object(this)), m_fence(std::make_unique<NotificationBus>())
 {
-    m_thread->setObjectName(QStringLiteral("FakeAppPeer"));
+    resetAnswers();
     m_thread->start();
     m_object->moveToThread(m_thread.get());
+    m_fence->addObserver(kFence, [this] { ++m_fences; });
 }
 
 FakeAppPeer::~FakeAppPeer()
 {
     stop();
-    // The object, and delayed replies still pending with it, go on its own thread when that ends.
-    m_object->deleteLater();
+    m_object->deleteLater(); // with its pending replies, on its own thread as that ends
     m_thread->quit();
     m_thread->wait();
     QDBusConnection::disconnectFromBus(m_connectionName);
@@ -175,8 +155,7 @@ bool FakeAppPeer::start()
         return false;
     }
     QMutexLocker lock(&m_mutex);
-    m_started = true;
-    return true;
+    return m_started = true;
 }
 
 void FakeAppPeer::stop()
@@ -200,68 +179,35 @@ QString FakeAppPeer::uniqueName() const
     return m_connection.baseService();
 }
 
-// ---- Script -----------------------------------------------------------------------------------------
-
-void FakeAppPeer::setVersion(int version)
+void FakeAppPeer::edit(const std::function<void(Script&)>& change)
 {
     QMutexLocker lock(&m_mutex);
-    m_script.answers.insert(method::version, version);
+    change(m_script);
 }
 
 void FakeAppPeer::setListAnswer(const QString& method, const QVariantList& list)
 {
-    const QByteArray encoded = wire::encodeList(list);
-    QMutexLocker lock(&m_mutex);
-    m_script.answers.insert(method, encoded);
+    answer(method, wire::encodeList(list));
 }
 
 void FakeAppPeer::setBonjourInfo(const QVariantMap& info)
 {
-    const QVariantMap encoded = wire::toWire(info);
-    QMutexLocker lock(&m_mutex);
-    m_script.answers.insert(method::bonjourPublisherInfo, encoded);
-}
-
-void FakeAppPeer::setGoogleSyncInProgress(bool inProgress)
-{
-    QMutexLocker lock(&m_mutex);
-    m_script.answers.insert(method::googleSyncInProgress, inProgress);
-}
-
-void FakeAppPeer::setReplyDelay(const QString& method, int milliseconds)
-{
-    QMutexLocker lock(&m_mutex);
-    m_script.delays.insert(method, milliseconds);
-}
-
-void FakeAppPeer::setNeverReply(const QString& method, bool never)
-{
-    QMutexLocker lock(&m_mutex);
-    if (never)
-        m_script.neverReply.insert(method);
-    else
-        m_script.neverReply.remove(method);
-}
-
-void FakeAppPeer::setErrorReply(const QString& method, const QString& errorName)
-{
-    QMutexLocker lock(&m_mutex);
-    m_script.errors.insert(method, errorName);
-}
-
-void FakeAppPeer::setPostOnCall(const QString& method, const QString& notificationName)
-{
-    QMutexLocker lock(&m_mutex);
-    m_script.postOnCall.insert(method, notificationName);
+    answer(method::bonjourPublisherInfo, wire::toWire(info));
 }
 
 void FakeAppPeer::resetAnswers()
 {
-    QMutexLocker lock(&m_mutex);
-    m_script = defaultScript();
+    edit([](Script& script) {
+        script = Script();
+        script.answers.insert(method::version, kAppProtocolVersion);
+        for (const QLatin1StringView list :
+             {method::calendarsPublishableViaBonjour, method::sourceListOfBonjourCalendars,
+              method::calendarsPublishableToGoogle, method::sourceListOfGoogleCalendars})
+            script.answers.insert(list, wire::encodeList({}));
+        script.answers.insert(method::bonjourPublisherInfo, QVariantMap());
+        script.answers.insert(method::googleSyncInProgress, false);
+    });
 }
-
-// ---- Recorded calls ---------------------------------------------------------------------------------
 
 QList<RecordedCall> FakeAppPeer::calls() const
 {
@@ -274,11 +220,6 @@ QList<RecordedCall> FakeAppPeer::calls(const QString& method) const
     QList<RecordedCall> matching = calls();
     matching.removeIf([&method](const RecordedCall& call) { return call.method != method; });
     return matching;
-}
-
-int FakeAppPeer::callCount(const QString& method) const
-{
-    return int(calls(method).size());
 }
 
 bool FakeAppPeer::waitForCall(const QString& method, int timeoutMs, int count)
@@ -304,6 +245,12 @@ void FakeAppPeer::clearCalls()
 bool FakeAppPeer::post(const QString& name)
 {
     return NotificationBus::post(name, m_connection);
+}
+
+bool FakeAppPeer::deliver(const QString& name)
+{
+    const int before = m_fences;
+    return post(name) && post(kFence) && waitUntil([this, before] { return m_fences > before; });
 }
 
 } // namespace nimbrel::test
