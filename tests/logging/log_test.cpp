@@ -403,7 +403,8 @@ TEST_F(LogTest, BadNamesRefusedAndReopenFailureReportedWithTheNameAsOneArgument)
     EXPECT_EQ(contents(arguments),
               (name + QStringLiteral(" could not reopen stderr (%1)").arg(EISDIR)).toUtf8() + '\0');
     const QString escaped = QString(name).replace(QLatin1Char('\n'), QLatin1String("\\n"));
-    EXPECT_TRUE(contents(capture).endsWith(" - " + (escaped + QLatin1String(" log file rotated\n")).toUtf8()));
+    EXPECT_TRUE(
+        contents(capture).endsWith(" - " + (escaped + QLatin1String(" log file rotated\n")).toUtf8()));
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("pwned")));
 }
 
