@@ -3,7 +3,7 @@
 
 #include "background/BackgroundTestSupport.h"
 #include "link/AppProtocolProxy.h"
-#include "link/MockDelegate.h"
+#include "support/MockDelegate.h"
 #include "link/NimbrelCom.h"
 #include "platform/Bundle.h"
 #include "platform/LoginItemsAE.h"

@@ -2,9 +2,10 @@
 // background application, and answered back.
 
 #include "link/AppProtocolProxy.h"
-#include "link/FakeAppPeer.h"
-#include "protocol/WireCodec.h"
+#include "logging/Log.h"
 #include "platform/PlistValue.h"
+#include "protocol/WireCodec.h"
+#include "support/FakeAppPeer.h"
 #include "support/PlistCompare.h"
 #include "support/TestEnvironment.h"
 
@@ -17,6 +18,7 @@
 #include <QRect>
 #include <QTimeZone>
 #include <gtest/gtest.h>
+#include <limits>
 
 using namespace nimbrel;
 using nimbrel::test::identical;
@@ -141,4 +143,78 @@ TEST_F(WireCodec, NestingIsCutWhereTheBusWouldRefuseIt)
 
     // Still connected: the cut values never reached the bus.
     EXPECT_TRUE(identical(sendRaw(wire::toWire(everyType())), plist::normalized(everyType())));
+}
+
+// Calendar lists travel as one CBOR byte array: every property-list value survives, in a reply too.
+TEST_F(WireCodec, ListsSurviveAsOneByteArray)
+{
+    const QVariantList list{everyType(),
+                            QVariantMap{{s("nan"), qQNaN()},
+                                        {s("extremes"), QVariantList{std::numeric_limits<qint64>::min(),
+                                                                     std::numeric_limits<qint64>::max()}},
+                                        {s("wholeSecond"), QDateTime::fromSecsSinceEpoch(-86400, Qt::UTC)}},
+                            QVariantList(), s("not every element is a dictionary")};
+    const QVariant expected = plist::normalized(list);
+    EXPECT_TRUE(identical(wire::decodeList(wire::encodeList(list)).value_or(QVariantList()), expected));
+
+    ASSERT_TRUE(peer.start());
+    peer.setListAnswer(s("sourceListOfGoogleCalendars"), list);
+    EXPECT_TRUE(
+        identical(AppProtocolProxy().sourceListOfGoogleCalendars().value_or(QVariantList()), expected));
+
+    // What no property list holds is left out, a dictionary's key with its value.
+    SetLogLevel(14);
+    const QVariantList dropped{QVariant(), QPoint(1, 2),
+                               QVariantMap{{s("null"), QVariant()}, {s("point"), QPoint()}, {s("kept"), 1}}};
+    EXPECT_TRUE(identical(wire::decodeList(wire::encodeList(dropped)).value_or(QVariantList()),
+                          QVariantList{QVariantMap{{s("kept"), qint64(1)}}}));
+    SetLogLevel(2);
+}
+
+// An answer is untrusted: anything but a list of property-list values refuses the whole answer with a
+// reason, and no length or nesting in it makes the reader allocate, recurse or read beyond the bytes.
+TEST(WireList, HostileAnswersAreRefusedWithAReason)
+{
+    const QByteArray deep = QByteArray(33, '\x81') + '\x01', deepOk = QByteArray(32, '\x81') + '\x01';
+    const QByteArray tags = '\x81' + QByteArray(100000, '\xc1') + '\x01';
+    const std::pair<QByteArray, const char*> refused[] = {
+        {"", "not a list"},
+        {QByteArray::fromHex("a0"), "not a list"},
+        {QByteArray::fromHex("81"), "ends early"},
+        {QByteArray::fromHex("9bffffffffffffffff"), "ends early"}, // 2^64 - 1 elements announced
+        {QByteArray::fromHex("bb7fffffffffffffff"), "not a list"},
+        {QByteArray::fromHex("817a7fffffff61"), "ends early"},       // a text of 2 GiB announced
+        {QByteArray::fromHex("81f6"), "no property list holds"},     // null
+        {QByteArray::fromHex("81f7"), "no property list holds"},     // undefined
+        {QByteArray::fromHex("81c24100"), "no property list holds"}, // a bignum
+        {QByteArray::fromHex("81a10102"), "not text"},
+        {QByteArray::fromHex("811b8000000000000000"), "no property list holds"},   // 2^63
+        {QByteArray::fromHex("813b8000000000000000"), "no property list holds"},   // -2^63 - 1
+        {QByteArray::fromHex("81c11b0000ffffffffffff"), "no property list holds"}, // a date out of range
+        {QByteArray::fromHex("8000"), "bytes after"},
+        {QByteArray::fromHex("81ff"), "stray break"},
+        {QByteArray::fromHex("817f4161ff"), "malformed string"},
+        {QByteArray::fromHex("81fc"), "malformed item"},
+        {deep, "no property list holds"},
+        {tags, "no property list holds"},
+    };
+    for (const auto& [bytes, reason] : refused) {
+        QString error;
+        EXPECT_FALSE(wire::decodeList(bytes, &error)) << bytes.toHex().constData();
+        EXPECT_TRUE(error.contains(QLatin1String(reason)))
+            << bytes.toHex().constData() << " " << qPrintable(error);
+    }
+    const std::pair<QByteArray, QVariantList> accepted[] = {
+        {QByteArray::fromHex("9fff"), {}},
+        {QByteArray::fromHex("813b7fffffffffffffff"), {std::numeric_limits<qint64>::min()}},
+        {QByteArray::fromHex("817f61616162ff"), {s("ab")}}, // a text in chunks
+        {QByteArray::fromHex("81f93c00"), {1.0}},           // half precision
+        {QByteArray::fromHex("81c1fb41d954fc40000000"),
+         {QDateTime::fromMSecsSinceEpoch(1700000000000, Qt::UTC)}},
+    };
+    for (const auto& [bytes, expected] : accepted) {
+        EXPECT_TRUE(identical(wire::decodeList(bytes).value_or(QVariantList{s("refused")}), expected))
+            << bytes.toHex().constData();
+    }
+    EXPECT_TRUE(wire::decodeList(deepOk).has_value());
 }

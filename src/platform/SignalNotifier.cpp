@@ -1,4 +1,4 @@
-#include "QuitOnSignal.h"
+#include "platform/SignalNotifier.h"
 
 #include <QSocketNotifier>
 #include <cerrno>
@@ -27,25 +27,25 @@ extern "C" void writeSignalToPipe(int signal)
 
 } // namespace
 
-struct QuitOnSignal::Saved
+struct SignalNotifier::Saved
 {
     std::vector<std::pair<int, struct sigaction>> actions;
 };
 
-QuitOnSignal::QuitOnSignal(std::initializer_list<int> quitSignals, QObject* parent)
+SignalNotifier::SignalNotifier(std::initializer_list<int> signalNumbers, QObject* parent)
     : QObject(parent), m_saved(std::make_unique<Saved>())
 {
     if (gWriteFd >= 0 || ::pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
         return;
     gWriteFd = m_pipe[1];
     m_notifier = std::make_unique<QSocketNotifier>(m_pipe[0], QSocketNotifier::Read);
-    connect(m_notifier.get(), &QSocketNotifier::activated, this, &QuitOnSignal::readSignals);
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, &SignalNotifier::readSignals);
 
     struct sigaction action = {};
     action.sa_handler = writeSignalToPipe;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
-    for (const int signal : quitSignals) {
+    for (const int signal : signalNumbers) {
         struct sigaction previous = {};
         if (::sigaction(signal, &action, &previous) == 0)
             m_saved->actions.emplace_back(signal, previous);
@@ -53,7 +53,7 @@ QuitOnSignal::QuitOnSignal(std::initializer_list<int> quitSignals, QObject* pare
     m_valid = true;
 }
 
-QuitOnSignal::~QuitOnSignal()
+SignalNotifier::~SignalNotifier()
 {
     if (!m_valid)
         return;
@@ -65,7 +65,7 @@ QuitOnSignal::~QuitOnSignal()
     ::close(m_pipe[1]);
 }
 
-void QuitOnSignal::readSignals()
+void SignalNotifier::readSignals()
 {
     unsigned char bytes[16];
     ssize_t count;

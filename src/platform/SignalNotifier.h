@@ -1,8 +1,8 @@
 #pragma once
 
-// Turns termination signals into an orderly quit: the handler only writes the signal's number to a pipe
-// (all a signal handler may safely do); a socket notifier reads it on the event loop and emits
-// signalReceived, where the program quits its loop.
+// Brings Unix signals (SIGTERM, SIGINT, ...) to the event loop: the handler only writes the signal's
+// number to a pipe (all a signal handler may safely do); a socket notifier reads it on the event loop
+// and emits signalReceived, where the program can quit in order.
 
 #include <QObject>
 #include <initializer_list>
@@ -12,15 +12,15 @@ class QSocketNotifier;
 
 namespace nimbrel {
 
-class QuitOnSignal : public QObject
+class SignalNotifier : public QObject
 {
     Q_OBJECT
 public:
     // Installs handlers for the given signals. Only one object may exist at a time; a second one is invalid
     // and installs nothing.
-    explicit QuitOnSignal(std::initializer_list<int> quitSignals, QObject* parent = nullptr);
+    explicit SignalNotifier(std::initializer_list<int> signalNumbers, QObject* parent = nullptr);
     // Restores the handlers that were there before.
-    ~QuitOnSignal() override;
+    ~SignalNotifier() override;
 
     bool isValid() const { return m_valid; }
 
