@@ -1,0 +1,40 @@
+#pragma once
+
+// Writes a DAV:multistatus body: one response per resource, its properties grouped by status.
+
+#include "DavXml.h"
+
+#include <QByteArray>
+#include <QXmlStreamWriter>
+#include <functional>
+
+namespace nimbrel::publish {
+
+class Multistatus
+{
+public:
+    Multistatus();
+
+    // One resource. `write` is asked about each property with a null writer first (it only answers
+    // the status), then called with the writer for the ones it has; the others land in a 404
+    // (unknown) or 403 (not allowed) propstat.
+    enum class PropStatus { Ok, NotFound, Forbidden };
+    using PropertyWriter = std::function<PropStatus(QXmlStreamWriter*, const PropName&)>;
+    void response(const QByteArray& href, const QList<PropName>& props, const PropertyWriter& write);
+    // A resource reported by status alone (a missing href, a removed item).
+    void statusResponse(const QByteArray& href, int status);
+
+    QByteArray finish(const QString& syncToken = {});
+
+private:
+    QByteArray m_body;
+    QXmlStreamWriter m_w;
+    QByteArray m_scratch;
+};
+
+QByteArray statusLine(int status);
+
+// <D:error><ns:precondition/></D:error>; `precondition` is "D:name" or "C:name".
+QByteArray errorBody(const QByteArray& precondition, const QByteArray& href = {});
+
+} // namespace nimbrel::publish
