@@ -33,7 +33,11 @@ QByteArray peerAddress(MHD_Connection* connection)
         inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(sa)->sin_addr, text, sizeof text);
     else if (sa->sa_family == AF_INET6)
         inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(sa)->sin6_addr, text, sizeof text);
-    return QByteArray(text);
+    QByteArray address(text);
+    // The dual-stack socket shows IPv4 clients as mapped IPv6 addresses.
+    if (address.startsWith("::ffff:") && address.contains('.'))
+        address.remove(0, 7);
+    return address;
 }
 
 MHD_Result collectHeader(void* cls, MHD_ValueKind, const char* key, const char* value)
@@ -154,13 +158,13 @@ bool HttpServer::start(quint16 port, const ServerCertificate& certificate, const
         if (tls)
             flags |= MHD_USE_TLS;
         MHD_OptionItem options[] = {
+            {MHD_OPTION_EXTERNAL_LOGGER, intptr_t(&logError), nullptr},
             {MHD_OPTION_CONNECTION_LIMIT, limits.connections, nullptr},
             {MHD_OPTION_PER_IP_CONNECTION_LIMIT, limits.connectionsPerAddress, nullptr},
             {MHD_OPTION_CONNECTION_TIMEOUT, limits.idleTimeoutSeconds, nullptr},
             {MHD_OPTION_CONNECTION_MEMORY_LIMIT, intptr_t(limits.connectionMemory), nullptr},
             {MHD_OPTION_NOTIFY_COMPLETED, intptr_t(&completed), nullptr},
             {MHD_OPTION_UNESCAPE_CALLBACK, intptr_t(&keepEscapes), nullptr},
-            {MHD_OPTION_EXTERNAL_LOGGER, intptr_t(&logError), nullptr},
             {MHD_OPTION_LISTEN_BACKLOG_SIZE, 256, nullptr},
             {tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, 0, const_cast<char*>(m_certificatePem.constData())},
             {tls ? MHD_OPTION_HTTPS_MEM_KEY : MHD_OPTION_END, 0, const_cast<char*>(m_keyPem.constData())},
