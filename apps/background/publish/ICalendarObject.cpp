@@ -179,8 +179,8 @@ bool matchesComponent(icalcomponent* parent, const CompFilter& filter)
     for (icalcomponent* c = icalcomponent_get_first_component(parent, kind); c;
          c = icalcomponent_get_next_component(parent, kind)) {
         icalproperty* rid = icalcomponent_get_first_property(c, ICAL_RECURRENCEID_PROPERTY);
-        if (rid)
-            overridden.insert(toUtcSeconds(icalcomponent_get_recurrenceid(c)));
+        if (rid) // with its TZID resolved against the calendar's time zones
+            overridden.insert(toUtcSeconds(icalproperty_get_datetime_with_component(rid, c)));
     }
     bool any = false;
     for (icalcomponent* c = icalcomponent_get_first_component(parent, kind); c;
