@@ -51,7 +51,7 @@ HttpResponse multistatus(Multistatus& out, const QString& syncToken = {})
 // propname: every property named, with no value.
 Multistatus::PropertyWriter nameOnly()
 {
-    return [](QXmlStreamWriter* w, const PropName& p) {
+    return [](XmlWriter* w, const PropName& p) {
         if (w)
             w->writeEmptyElement(p.ns, p.name);
         return Multistatus::PropStatus::Ok;
@@ -99,7 +99,8 @@ HttpResponse RequestHandler::propfind(const HttpRequest& request, const DavPath&
     out.response(DavPath::itemHref(path.calendar, path.item), props,
                  body->mode == PropfindRequest::PropNames
                      ? nameOnly()
-                     : [&](QXmlStreamWriter* w, const PropName& p) { return writeProperty(w, p, view); });
+                     : [&](XmlWriter* w, const PropName& p) { return writeProperty(w, p, view); },
+                 body->mode == PropfindRequest::Prop);
     return multistatus(out);
 }
 
@@ -110,7 +111,7 @@ HttpResponse RequestHandler::propfindHome(const HttpRequest& request, const Prop
     ResourceView home{ResourceView::Home, m_homeName, nullptr, {true, false}, {}, nullptr, nullptr};
     const auto homeWriter = body.mode == PropfindRequest::PropNames
         ? nameOnly()
-        : [&](QXmlStreamWriter* w, const PropName& p) { return writeProperty(w, p, home); };
+        : [&](XmlWriter* w, const PropName& p) { return writeProperty(w, p, home); };
     out.response("/", propsOf(body, ResourceView::Home), homeWriter);
     if (depth == 0)
         return multistatus(out);
@@ -142,7 +143,8 @@ HttpResponse RequestHandler::propfindHome(const HttpRequest& request, const Prop
         out.response(DavPath::calendarHref(c.uid), propsOf(body, ResourceView::Calendar),
                      body.mode == PropfindRequest::PropNames
                          ? nameOnly()
-                         : [&](QXmlStreamWriter* w, const PropName& p) { return writeProperty(w, p, view); });
+                         : [&](XmlWriter* w, const PropName& p) { return writeProperty(w, p, view); },
+                     body.mode == PropfindRequest::Prop);
     }
     if (checkPassword) {
         if (matchedAny)
@@ -161,7 +163,8 @@ void RequestHandler::propfindCalendar(Multistatus& out, const PublishedCalendar&
     const bool names = body.mode == PropfindRequest::PropNames;
     out.response(DavPath::calendarHref(calendar.uid), propsOf(body, ResourceView::Calendar),
                  names ? nameOnly()
-                       : [&](QXmlStreamWriter* w, const PropName& p) { return writeProperty(w, p, view); });
+                       : [&](XmlWriter* w, const PropName& p) { return writeProperty(w, p, view); },
+                 body.mode == PropfindRequest::Prop);
     if (depth == 0)
         return;
     const QList<PropName>& props = propsOf(body, ResourceView::Item);
@@ -176,7 +179,8 @@ void RequestHandler::propfindCalendar(Multistatus& out, const PublishedCalendar&
         }
         out.response(DavPath::itemHref(calendar.uid, item.name), props,
                      names ? nameOnly()
-                           : [&](QXmlStreamWriter* w, const PropName& p) { return writeProperty(w, p, itemView); });
+                           : [&](XmlWriter* w, const PropName& p) { return writeProperty(w, p, itemView); },
+                     body.mode == PropfindRequest::Prop);
     }
 }
 
@@ -215,7 +219,7 @@ void reportItem(Multistatus& out, const ResourceView& base, const QString& calen
     view.item = &item;
     view.calendarData = data;
     out.response(DavPath::itemHref(calendarUid, item.name), props,
-                 [&](QXmlStreamWriter* w, const PropName& p) { return writeProperty(w, p, view); });
+                 [&](XmlWriter* w, const PropName& p) { return writeProperty(w, p, view); });
 }
 
 const QList<PropName>& reportProps(const ReportRequest& r)

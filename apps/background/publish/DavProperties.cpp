@@ -19,19 +19,19 @@ QString calUri()
     return QStringView(ns::kCalDav).toString();
 }
 
-void hrefProperty(QXmlStreamWriter& w, const PropName& p, const QByteArray& href)
+void hrefProperty(XmlWriter& w, const PropName& p, const QByteArray& href)
 {
     w.writeStartElement(p.ns, p.name);
-    w.writeTextElement(davUri(), QStringLiteral("href"), QString::fromLatin1(href));
+    w.writeTextElement(davUri(), u"href", href);
     w.writeEndElement();
 }
 
-void privilegeSet(QXmlStreamWriter& w, const PropName& p, const Privileges& privileges)
+void privilegeSet(XmlWriter& w, const PropName& p, const Privileges& privileges)
 {
     w.writeStartElement(p.ns, p.name);
     auto privilege = [&](const char* name) {
         w.writeStartElement(davUri(), QStringLiteral("privilege"));
-        w.writeEmptyElement(davUri(), QLatin1StringView(name));
+        w.writeEmptyElement(davUri(), QString::fromLatin1(name));
         w.writeEndElement();
     };
     if (privileges.read) {
@@ -47,28 +47,28 @@ void privilegeSet(QXmlStreamWriter& w, const PropName& p, const Privileges& priv
     w.writeEndElement();
 }
 
-void reportSet(QXmlStreamWriter& w, const PropName& p)
+void reportSet(XmlWriter& w, const PropName& p)
 {
     w.writeStartElement(p.ns, p.name);
     for (const auto& [nsUri, name] : {std::pair{calUri(), "calendar-multiget"}, std::pair{calUri(), "calendar-query"},
                                       std::pair{davUri(), "sync-collection"}}) {
         w.writeStartElement(davUri(), QStringLiteral("supported-report"));
         w.writeStartElement(davUri(), QStringLiteral("report"));
-        w.writeEmptyElement(nsUri, QLatin1StringView(name));
+        w.writeEmptyElement(nsUri, QString::fromLatin1(name));
         w.writeEndElement();
         w.writeEndElement();
     }
     w.writeEndElement();
 }
 
-PropStatus writeText(QXmlStreamWriter* w, const PropName& p, const QString& text)
+PropStatus writeText(XmlWriter* w, const PropName& p, const QString& text)
 {
     if (w)
         w->writeTextElement(p.ns, p.name, text);
     return PropStatus::Ok;
 }
 
-PropStatus commonProperty(QXmlStreamWriter* w, const PropName& p, const ResourceView& v)
+PropStatus commonProperty(XmlWriter* w, const PropName& p, const ResourceView& v)
 {
     if (p.is(ns::kDav, "current-user-principal") || p.is(ns::kDav, "principal-URL")
         || p.is(ns::kCalDav, "calendar-home-set")) {
@@ -86,7 +86,7 @@ PropStatus commonProperty(QXmlStreamWriter* w, const PropName& p, const Resource
     return PropStatus::NotFound;
 }
 
-PropStatus homeProperty(QXmlStreamWriter* w, const PropName& p, const ResourceView& v)
+PropStatus homeProperty(XmlWriter* w, const PropName& p, const ResourceView& v)
 {
     if (p.is(ns::kDav, "resourcetype")) {
         if (w) {
@@ -102,7 +102,7 @@ PropStatus homeProperty(QXmlStreamWriter* w, const PropName& p, const ResourceVi
     return commonProperty(w, p, v);
 }
 
-PropStatus calendarProperty(QXmlStreamWriter* w, const PropName& p, const ResourceView& v)
+PropStatus calendarProperty(XmlWriter* w, const PropName& p, const ResourceView& v)
 {
     const PublishedCalendar& c = *v.calendar;
     if (p.is(ns::kDav, "resourcetype")) {
@@ -123,7 +123,7 @@ PropStatus calendarProperty(QXmlStreamWriter* w, const PropName& p, const Resour
             w->writeStartElement(p.ns, p.name);
             for (const char* name : {"VEVENT", "VTODO", "VJOURNAL"}) {
                 w->writeEmptyElement(calUri(), QStringLiteral("comp"));
-                w->writeAttribute(QStringLiteral("name"), QLatin1StringView(name));
+                w->writeAttribute("name", QString::fromLatin1(name));
             }
             w->writeEndElement();
         }
@@ -133,8 +133,8 @@ PropStatus calendarProperty(QXmlStreamWriter* w, const PropName& p, const Resour
         if (w) {
             w->writeStartElement(p.ns, p.name);
             w->writeEmptyElement(calUri(), QStringLiteral("calendar-data"));
-            w->writeAttribute(QStringLiteral("content-type"), QStringLiteral("text/calendar"));
-            w->writeAttribute(QStringLiteral("version"), QStringLiteral("2.0"));
+            w->writeAttribute("content-type", u"text/calendar");
+            w->writeAttribute("version", u"2.0");
             w->writeEndElement();
         }
         return PropStatus::Ok;
@@ -154,15 +154,18 @@ PropStatus calendarProperty(QXmlStreamWriter* w, const PropName& p, const Resour
     return commonProperty(w, p, v);
 }
 
-PropStatus itemProperty(QXmlStreamWriter* w, const PropName& p, const ResourceView& v)
+PropStatus itemProperty(XmlWriter* w, const PropName& p, const ResourceView& v)
 {
     if (p.is(ns::kDav, "resourcetype")) {
         if (w)
             w->writeEmptyElement(p.ns, p.name);
         return PropStatus::Ok;
     }
-    if (p.is(ns::kDav, "getetag"))
-        return writeText(w, p, QString::fromLatin1(v.item->etag));
+    if (p.is(ns::kDav, "getetag")) {
+        if (w)
+            w->writeTextElement(p.ns, p.name, v.item->etag);
+        return PropStatus::Ok;
+    }
     if (p.is(ns::kDav, "getcontenttype"))
         return writeText(w, p, QStringLiteral("text/calendar; charset=utf-8"));
     if (p.is(ns::kDav, "getcontentlength"))
@@ -170,7 +173,9 @@ PropStatus itemProperty(QXmlStreamWriter* w, const PropName& p, const ResourceVi
     if (p.is(ns::kCalDav, "calendar-data")) {
         if (!v.calendarData)
             return PropStatus::NotFound;
-        return writeText(w, p, QString::fromUtf8(*v.calendarData));
+        if (w)
+            w->writeTextElement(p.ns, p.name, *v.calendarData);
+        return PropStatus::Ok;
     }
     return commonProperty(w, p, v);
 }
@@ -185,7 +190,7 @@ QList<PropName> names(std::initializer_list<std::pair<const char16_t*, const cha
 
 } // namespace
 
-Multistatus::PropStatus writeProperty(QXmlStreamWriter* w, const PropName& prop, const ResourceView& view)
+Multistatus::PropStatus writeProperty(XmlWriter* w, const PropName& prop, const ResourceView& view)
 {
     switch (view.kind) {
     case ResourceView::Home: return homeProperty(w, prop, view);

@@ -21,7 +21,7 @@ struct ResourceView
     const QByteArray* calendarData = nullptr; // the item's data, when calendar-data was asked for
 };
 
-Multistatus::PropStatus writeProperty(QXmlStreamWriter* w, const PropName& prop, const ResourceView& view);
+Multistatus::PropStatus writeProperty(XmlWriter* w, const PropName& prop, const ResourceView& view);
 
 // What allprop and propname answer for a kind of resource.
 const QList<PropName>& allProperties(ResourceView::Kind kind);

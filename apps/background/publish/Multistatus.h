@@ -5,7 +5,8 @@
 #include "DavXml.h"
 
 #include <QByteArray>
-#include <QXmlStreamWriter>
+#include "XmlWriter.h"
+
 #include <functional>
 
 namespace nimbrel::publish {
@@ -19,8 +20,10 @@ public:
     // the status), then called with the writer for the ones it has; the others land in a 404
     // (unknown) or 403 (not allowed) propstat.
     enum class PropStatus { Ok, NotFound, Forbidden };
-    using PropertyWriter = std::function<PropStatus(QXmlStreamWriter*, const PropName&)>;
-    void response(const QByteArray& href, const QList<PropName>& props, const PropertyWriter& write);
+    using PropertyWriter = std::function<PropStatus(XmlWriter*, const PropName&)>;
+    // With `listMissing` false (allprop), properties the resource lacks are left out instead.
+    void response(const QByteArray& href, const QList<PropName>& props, const PropertyWriter& write,
+                  bool listMissing = true);
     // A resource reported by status alone (a missing href, a removed item).
     void statusResponse(const QByteArray& href, int status);
 
@@ -28,8 +31,7 @@ public:
 
 private:
     QByteArray m_body;
-    QXmlStreamWriter m_w;
-    QByteArray m_scratch;
+    XmlWriter m_w;
 };
 
 QByteArray statusLine(int status);

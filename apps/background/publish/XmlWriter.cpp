@@ -1,0 +1,197 @@
+#include "XmlWriter.h"
+
+#include "DavXml.h"
+
+namespace nimbrel::publish {
+
+namespace {
+
+// The prefix of a fixed namespace, or null.
+const char* prefixOf(const QString& nsUri)
+{
+    if (nsUri == QStringView(ns::kDav))
+        return "D";
+    if (nsUri == QStringView(ns::kCalDav))
+        return "C";
+    if (nsUri == QStringView(ns::kCalendarServer))
+        return "CS";
+    if (nsUri == QStringView(ns::kAppleICal))
+        return "I";
+    return nullptr;
+}
+
+bool isValidUtf8(const QByteArray& bytes)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.constData());
+    const auto* end = p + bytes.size();
+    while (p < end) {
+        if (*p < 0x80) {
+            ++p;
+            continue;
+        }
+        int more = 0;
+        char32_t cp = 0;
+        if ((*p & 0xE0) == 0xC0) {
+            more = 1;
+            cp = *p & 0x1F;
+        } else if ((*p & 0xF0) == 0xE0) {
+            more = 2;
+            cp = *p & 0x0F;
+        } else if ((*p & 0xF8) == 0xF0) {
+            more = 3;
+            cp = *p & 0x07;
+        } else {
+            return false;
+        }
+        if (end - p <= more)
+            return false;
+        for (int i = 1; i <= more; ++i) {
+            if ((p[i] & 0xC0) != 0x80)
+                return false;
+            cp = (cp << 6) | (p[i] & 0x3F);
+        }
+        static constexpr char32_t kMin[] = {0, 0x80, 0x800, 0x10000};
+        if (cp < kMin[more] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF) || cp == 0xFFFE || cp == 0xFFFF)
+            return false;
+        p += more + 1;
+    }
+    return true;
+}
+
+} // namespace
+
+XmlWriter::XmlWriter(QByteArray* out)
+    : m_out(out)
+{
+}
+
+void XmlWriter::startDocument(const QString& nsUri, const char* name)
+{
+    m_out->append(R"(<?xml version="1.0" encoding="UTF-8"?>)");
+    openTag(nsUri, QString::fromLatin1(name));
+    m_out->append(R"( xmlns:D="DAV:" xmlns:C="urn:ietf:params:xml:ns:caldav" xmlns:CS="http://calendarserver.org/ns/")"
+                  R"( xmlns:I="http://apple.com/ns/ical/")");
+}
+
+void XmlWriter::closePendingTag()
+{
+    if (!m_tagPending)
+        return;
+    m_out->append(m_pendingEmpty ? "/>" : ">");
+    m_tagPending = false;
+}
+
+void XmlWriter::openTag(const QString& nsUri, QStringView name)
+{
+    closePendingTag();
+    const char* prefix = prefixOf(nsUri);
+    QByteArray qname;
+    if (prefix)
+        qname = QByteArray(prefix) + ':' + name.toUtf8();
+    else
+        qname = "X:" + name.toUtf8();
+    m_out->append('<');
+    m_out->append(qname);
+    if (!prefix) {
+        m_out->append(" xmlns:X=\"");
+        const QByteArray uri = nsUri.toUtf8();
+        escape(uri.constData(), uri.size());
+        m_out->append('"');
+    }
+    m_open.append(qname);
+    m_tagPending = true;
+    m_pendingEmpty = false;
+}
+
+void XmlWriter::writeStartElement(const QString& nsUri, QStringView name)
+{
+    openTag(nsUri, name);
+}
+
+void XmlWriter::writeEmptyElement(const QString& nsUri, QStringView name)
+{
+    openTag(nsUri, name);
+    m_open.removeLast();
+    m_pendingEmpty = true;
+}
+
+void XmlWriter::writeAttribute(const char* name, QStringView value)
+{
+    m_out->append(' ');
+    m_out->append(name);
+    m_out->append("=\"");
+    const QByteArray v = value.toUtf8();
+    escape(v.constData(), v.size());
+    m_out->append('"');
+}
+
+void XmlWriter::writeEndElement()
+{
+    if (m_open.isEmpty())
+        return;
+    if (m_tagPending && !m_pendingEmpty) {
+        m_out->append("/>");
+        m_tagPending = false;
+        m_open.removeLast();
+        return;
+    }
+    closePendingTag();
+    m_out->append("</");
+    m_out->append(m_open.takeLast());
+    m_out->append('>');
+}
+
+void XmlWriter::writeTextElement(const QString& nsUri, QStringView name, QStringView text)
+{
+    writeTextElement(nsUri, name, text.toUtf8());
+}
+
+void XmlWriter::writeTextElement(const QString& nsUri, QStringView name, const QByteArray& utf8)
+{
+    openTag(nsUri, name);
+    closePendingTag();
+    if (isValidUtf8(utf8)) {
+        escape(utf8.constData(), utf8.size());
+    } else {
+        const QByteArray repaired = QString::fromUtf8(utf8).toUtf8(); // bad sequences become U+FFFD
+        escape(repaired.constData(), repaired.size());
+    }
+    m_out->append("</");
+    m_out->append(m_open.takeLast());
+    m_out->append('>');
+}
+
+void XmlWriter::endDocument()
+{
+    while (!m_open.isEmpty())
+        writeEndElement();
+}
+
+void XmlWriter::escape(const char* data, qsizetype size)
+{
+    qsizetype plain = 0;
+    for (qsizetype i = 0; i < size; ++i) {
+        const unsigned char c = static_cast<unsigned char>(data[i]);
+        const char* replacement = nullptr;
+        switch (c) {
+        case '<': replacement = "&lt;"; break;
+        case '>': replacement = "&gt;"; break;
+        case '&': replacement = "&amp;"; break;
+        case '"': replacement = "&quot;"; break;
+        case '\r': replacement = "&#13;"; break;
+        default:
+            // Control characters other than tab and newline cannot appear in XML 1.0 at all.
+            if (c < 0x20 && c != '\t' && c != '\n')
+                replacement = "";
+            break;
+        }
+        if (!replacement)
+            continue;
+        m_out->append(data + plain, i - plain);
+        m_out->append(replacement);
+        plain = i + 1;
+    }
+    m_out->append(data + plain, size - plain);
+}
+
+} // namespace nimbrel::publish
