@@ -1,5 +1,7 @@
 #include "Multistatus.h"
 
+#include <QVarLengthArray>
+
 namespace nimbrel::publish {
 
 namespace {
@@ -53,24 +55,24 @@ void Multistatus::response(const QByteArray& href, const QList<PropName>& props,
 {
     m_w.writeStartElement(davNs(), u"response");
     m_w.writeTextElement(davNs(), u"href", href);
-    QList<PropName> found;
-    QList<PropName> missing;
-    QList<PropName> forbidden;
+    QVarLengthArray<const PropName*, 16> found;
+    QVarLengthArray<const PropName*, 16> missing;
+    QVarLengthArray<const PropName*, 16> forbidden;
     for (const PropName& p : props) {
         switch (write(nullptr, p)) {
-        case PropStatus::Ok: found.append(p); break;
+        case PropStatus::Ok: found.append(&p); break;
         case PropStatus::NotFound:
             if (listMissing)
-                missing.append(p);
+                missing.append(&p);
             break;
-        case PropStatus::Forbidden: forbidden.append(p); break;
+        case PropStatus::Forbidden: forbidden.append(&p); break;
         }
     }
     if (!found.isEmpty()) {
         m_w.writeStartElement(davNs(), u"propstat");
         m_w.writeStartElement(davNs(), u"prop");
-        for (const PropName& p : found)
-            write(&m_w, p);
+        for (const PropName* p : found)
+            write(&m_w, *p);
         m_w.writeEndElement();
         m_w.writeTextElement(davNs(), u"status", statusLine(200));
         m_w.writeEndElement();
@@ -80,8 +82,8 @@ void Multistatus::response(const QByteArray& href, const QList<PropName>& props,
             continue;
         m_w.writeStartElement(davNs(), u"propstat");
         m_w.writeStartElement(davNs(), u"prop");
-        for (const PropName& p : *list)
-            m_w.writeEmptyElement(p.ns, p.name);
+        for (const PropName* p : *list)
+            m_w.writeEmptyElement(p->ns, p->name);
         m_w.writeEndElement();
         m_w.writeTextElement(davNs(), u"status", statusLine(status));
         m_w.writeEndElement();

@@ -2,6 +2,8 @@
 
 #include "DavXml.h"
 
+#include <cstring>
+
 namespace nimbrel::publish {
 
 namespace {
@@ -85,22 +87,45 @@ void XmlWriter::openTag(const QString& nsUri, QStringView name)
 {
     closePendingTag();
     const char* prefix = prefixOf(nsUri);
-    QByteArray qname;
-    if (prefix)
-        qname = QByteArray(prefix) + ':' + name.toUtf8();
-    else
-        qname = "X:" + name.toUtf8();
+    const qsizetype start = m_names.size();
+    // Element names are short and ASCII nearly always: build "prefix:name" on the stack.
+    char buffer[96];
+    qsizetype length = qsizetype(std::strlen(prefix ? prefix : "X"));
+    std::memcpy(buffer, prefix ? prefix : "X", size_t(length));
+    buffer[length++] = ':';
+    bool ascii = name.size() < qsizetype(sizeof buffer) - length;
+    for (qsizetype i = 0; ascii && i < name.size(); ++i) {
+        const char16_t c = name[i].unicode();
+        ascii = c < 0x80;
+        buffer[length + i] = char(c);
+    }
+    if (ascii) {
+        m_names.append(buffer, length + name.size());
+    } else {
+        m_names.append(buffer, length);
+        m_names.append(name.toUtf8());
+    }
     m_out->append('<');
-    m_out->append(qname);
+    m_out->append(m_names.constData() + start, m_names.size() - start);
     if (!prefix) {
         m_out->append(" xmlns:X=\"");
         const QByteArray uri = nsUri.toUtf8();
         escape(uri.constData(), uri.size());
         m_out->append('"');
     }
-    m_open.append(qname);
+    m_open.append(start);
     m_tagPending = true;
     m_pendingEmpty = false;
+}
+
+// Writes the end tag of the innermost open element and forgets it.
+void XmlWriter::closeTop()
+{
+    const qsizetype start = m_open.takeLast();
+    m_out->append("</");
+    m_out->append(m_names.constData() + start, m_names.size() - start);
+    m_out->append('>');
+    m_names.truncate(start);
 }
 
 void XmlWriter::writeStartElement(const QString& nsUri, QStringView name)
@@ -111,7 +136,7 @@ void XmlWriter::writeStartElement(const QString& nsUri, QStringView name)
 void XmlWriter::writeEmptyElement(const QString& nsUri, QStringView name)
 {
     openTag(nsUri, name);
-    m_open.removeLast();
+    m_names.truncate(m_open.takeLast());
     m_pendingEmpty = true;
 }
 
@@ -132,13 +157,11 @@ void XmlWriter::writeEndElement()
     if (m_tagPending && !m_pendingEmpty) {
         m_out->append("/>");
         m_tagPending = false;
-        m_open.removeLast();
+        m_names.truncate(m_open.takeLast());
         return;
     }
     closePendingTag();
-    m_out->append("</");
-    m_out->append(m_open.takeLast());
-    m_out->append('>');
+    closeTop();
 }
 
 void XmlWriter::writeTextElement(const QString& nsUri, QStringView name, QStringView text)
@@ -156,9 +179,7 @@ void XmlWriter::writeTextElement(const QString& nsUri, QStringView name, const Q
         const QByteArray repaired = QString::fromUtf8(utf8).toUtf8(); // bad sequences become U+FFFD
         escape(repaired.constData(), repaired.size());
     }
-    m_out->append("</");
-    m_out->append(m_open.takeLast());
-    m_out->append('>');
+    closeTop();
 }
 
 void XmlWriter::endDocument()

@@ -30,9 +30,13 @@ private:
     void openTag(const QString& nsUri, QStringView name);
     void closePendingTag();
     void escape(const char* data, qsizetype size);
+    void closeTop();
 
     QByteArray* m_out;
-    QList<QByteArray> m_open; // qualified names of the open elements
+    // Qualified names of the open elements, one after the other, with where each starts: no
+    // allocation per element.
+    QByteArray m_names;
+    QList<qsizetype> m_open;
     bool m_tagPending = false; // "<x" written, ">" or "/>" not yet
     bool m_pendingEmpty = false;
 };
