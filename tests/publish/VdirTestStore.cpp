@@ -8,6 +8,10 @@
 #include <QRandomGenerator>
 #include <QSaveFile>
 
+#include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace nimbrel::publish::test {
 
 namespace {
@@ -111,6 +115,8 @@ QList<PublishedItem> VdirTestStore::items(const QString& uid) const
     if (it->listing.isEmpty()) {
         for (auto e = it->items.constBegin(); e != it->items.constEnd(); ++e)
             it->listing.append({e.key(), e->etag, e->size});
+        std::sort(it->listing.begin(), it->listing.end(),
+                  [](const PublishedItem& a, const PublishedItem& b) { return a.name < b.name; });
     }
     return it->listing;
 }
@@ -128,14 +134,32 @@ std::optional<PublishedItem> VdirTestStore::item(const QString& uid, const QStri
 
 std::optional<QByteArray> VdirTestStore::readItem(const QString& uid, const QString& name, QByteArray* etag) const
 {
-    if (!item(uid, name))
+    const auto c = m_calendars.constFind(uid);
+    const auto e = c == m_calendars.constEnd() ? decltype(c->items.constEnd())() : c->items.constFind(name);
+    if (c == m_calendars.constEnd() || e == c->items.constEnd())
         return std::nullopt;
-    QFile f(m_root + QLatin1Char('/') + uid + QLatin1Char('/') + name);
-    if (!f.open(QIODevice::ReadOnly))
+    // One open and one read of the size the index knows; a file changed behind the store's back
+    // reads as it is now, with its ETag computed afresh.
+    const QByteArray path = QFile::encodeName(m_root + QLatin1Char('/') + uid + QLatin1Char('/') + name);
+    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
         return std::nullopt;
-    QByteArray data = f.readAll();
+    QByteArray data(e->size + 1, Qt::Uninitialized);
+    qsizetype got = 0;
+    for (ssize_t n; got < data.size() && (n = ::read(fd, data.data() + got, size_t(data.size() - got))) > 0;)
+        got += n;
+    ::close(fd);
+    const bool unchanged = got == e->size;
+    if (!unchanged) {
+        QFile f(QFile::decodeName(path));
+        if (!f.open(QIODevice::ReadOnly))
+            return std::nullopt;
+        data = f.readAll();
+    } else {
+        data.truncate(got);
+    }
     if (etag)
-        *etag = etagOf(data);
+        *etag = unchanged ? e->etag : etagOf(data);
     return data;
 }
 

@@ -44,7 +44,7 @@ private:
     {
         PublishedCalendar info;
         bool published = false;
-        QMap<QString, Entry> items;
+        QHash<QString, Entry> items;
         QHash<QString, QString> byComponentUid;
         QList<QPair<quint64, ItemChange>> log;
         quint64 token = 1;

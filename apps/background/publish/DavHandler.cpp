@@ -169,7 +169,9 @@ void RequestHandler::propfindCalendar(Multistatus& out, const PublishedCalendar&
         return;
     const QList<PropName>& props = propsOf(body, ResourceView::Item);
     const bool withData = wantsCalendarData(props);
-    for (const PublishedItem& item : m_store.items(calendar.uid)) {
+    const QList<PublishedItem> items = m_store.items(calendar.uid);
+    out.expect(items.size() * (withData ? 4 : 1));
+    for (const PublishedItem& item : items) {
         ResourceView itemView{ResourceView::Item, m_homeName, &calendar, privileges, {}, &item, nullptr};
         QByteArray data;
         if (withData) {
@@ -236,6 +238,7 @@ HttpResponse RequestHandler::multiget(const PublishedCalendar& calendar, const P
     const ResourceView base{ResourceView::Item, m_homeName, &calendar, privileges, {}, nullptr, nullptr};
     const QList<PropName>& props = reportProps(r);
     const bool withData = wantsCalendarData(props);
+    out.expect(r.hrefs.size() * (withData ? 4 : 1));
     for (const QByteArray& href : r.hrefs) {
         const DavPath path = DavPath::parse(href);
         if (path.kind != DavPath::Item || path.calendar != calendar.uid) {
@@ -294,7 +297,9 @@ HttpResponse RequestHandler::syncCollection(const PublishedCalendar& calendar, c
         reportItem(out, base, calendar.uid, item, props, data ? &*data : nullptr);
     };
     if (r.syncToken.isEmpty()) {
-        for (const PublishedItem& item : m_store.items(calendar.uid))
+        const QList<PublishedItem> items = m_store.items(calendar.uid);
+        out.expect(items.size() * (withData ? 4 : 1));
+        for (const PublishedItem& item : items)
             writeItem(item);
         return multistatus(out, syncTokenUri(current));
     }

@@ -50,9 +50,12 @@ MHD_Result collectHeader(void* cls, MHD_ValueKind, const char* key, const char* 
 
 MHD_Result queue(MHD_Connection* connection, const HttpResponse& response, bool close = false)
 {
-    MHD_Response* r = MHD_create_response_from_buffer(size_t(response.body.size()),
-                                                      const_cast<char*>(response.body.constData()),
-                                                      MHD_RESPMEM_MUST_COPY);
+    // The body is handed over, not copied: large answers are megabytes.
+    auto* body = new QByteArray(response.body);
+    MHD_Response* r = MHD_create_response_from_buffer_with_free_callback_cls(
+        size_t(body->size()), body->data(), [](void* cls) { delete static_cast<QByteArray*>(cls); }, body);
+    if (!r)
+        delete body;
     if (!r)
         return MHD_NO;
     for (const auto& [key, value] : response.headers)
@@ -205,7 +208,14 @@ void HttpServer::poll()
 {
     if (!m_daemon)
         return;
-    MHD_run(m_daemon);
+    // One pass sends at most one TLS record per connection; while libmicrohttpd has more to do at
+    // once, go on here instead of through the event loop, but give other events a turn after a while.
+    for (int round = 0; round < kRoundsPerPass; ++round) {
+        MHD_run(m_daemon);
+        MHD_UNSIGNED_LONG_LONG ms = 0;
+        if (MHD_get_timeout(m_daemon, &ms) != MHD_YES || ms != 0)
+            break;
+    }
     reschedule();
 }
 

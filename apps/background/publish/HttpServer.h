@@ -47,6 +47,9 @@ public:
     // Called by the libmicrohttpd callbacks.
     Handler& handler() { return m_handler; }
 
+    // libmicrohttpd passes run back to back before the event loop gets a turn (about 1 MiB of TLS records).
+    static constexpr int kRoundsPerPass = 64;
+
 private:
     void poll();
     void reschedule();

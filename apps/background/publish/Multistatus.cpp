@@ -26,8 +26,7 @@ QByteArray statusLine(int status)
 
 QByteArray errorBody(const QByteArray& precondition, const QByteArray& href)
 {
-    QByteArray body;
-    XmlWriter w(&body);
+    XmlWriter w;
     w.startDocument(davNs(), "error");
     const bool caldav = precondition.startsWith("C:");
     const QString nsUri = caldav ? QStringView(ns::kCalDav).toString() : davNs();
@@ -40,13 +39,11 @@ QByteArray errorBody(const QByteArray& precondition, const QByteArray& href)
         w.writeEndElement();
     }
     w.endDocument();
-    return body;
+    return w.take();
 }
 
 Multistatus::Multistatus()
-    : m_w(&m_body)
 {
-    m_body.reserve(64 * 1024);
     m_w.startDocument(davNs(), "multistatus");
 }
 
@@ -104,7 +101,7 @@ QByteArray Multistatus::finish(const QString& syncToken)
     if (!syncToken.isEmpty())
         m_w.writeTextElement(davNs(), u"sync-token", syncToken);
     m_w.endDocument();
-    return std::move(m_body);
+    return m_w.take();
 }
 
 } // namespace nimbrel::publish

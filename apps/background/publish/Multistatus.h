@@ -15,6 +15,8 @@ class Multistatus
 {
 public:
     Multistatus();
+    // Room for about `responses` responses, so that large answers grow once.
+    void expect(qsizetype responses) { m_w.reserve(responses * 320); }
 
     // One resource. `write` is asked about each property with a null writer first (it only answers
     // the status), then called with the writer for the ones it has; the others land in a 404
@@ -30,7 +32,6 @@ public:
     QByteArray finish(const QString& syncToken = {});
 
 private:
-    QByteArray m_body;
     XmlWriter m_w;
 };
 

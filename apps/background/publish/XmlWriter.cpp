@@ -2,6 +2,7 @@
 
 #include "DavXml.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace nimbrel::publish {
@@ -62,16 +63,43 @@ bool isValidUtf8(const QByteArray& bytes)
 
 } // namespace
 
-XmlWriter::XmlWriter(QByteArray* out)
-    : m_out(out)
+XmlWriter::XmlWriter()
 {
+    m_out.reserve(64 * 1024);
+}
+
+QByteArray XmlWriter::take()
+{
+    QByteArray bytes(m_out.data(), qsizetype(m_out.size()));
+    m_out.clear();
+    return bytes;
+}
+
+void XmlWriter::put(const char* data, qsizetype size)
+{
+    m_out.append(data, size_t(size));
+}
+
+void XmlWriter::put(const char* text)
+{
+    put(text, qsizetype(std::strlen(text)));
+}
+
+void XmlWriter::put(char c)
+{
+    put(&c, 1);
+}
+
+void XmlWriter::put(const QByteArray& bytes)
+{
+    put(bytes.constData(), bytes.size());
 }
 
 void XmlWriter::startDocument(const QString& nsUri, const char* name)
 {
-    m_out->append(R"(<?xml version="1.0" encoding="UTF-8"?>)");
+    put(R"(<?xml version="1.0" encoding="UTF-8"?>)");
     openTag(nsUri, QString::fromLatin1(name));
-    m_out->append(R"( xmlns:D="DAV:" xmlns:C="urn:ietf:params:xml:ns:caldav" xmlns:CS="http://calendarserver.org/ns/")"
+    put(R"( xmlns:D="DAV:" xmlns:C="urn:ietf:params:xml:ns:caldav" xmlns:CS="http://calendarserver.org/ns/")"
                   R"( xmlns:I="http://apple.com/ns/ical/")");
 }
 
@@ -79,7 +107,7 @@ void XmlWriter::closePendingTag()
 {
     if (!m_tagPending)
         return;
-    m_out->append(m_pendingEmpty ? "/>" : ">");
+    put(m_pendingEmpty ? "/>" : ">");
     m_tagPending = false;
 }
 
@@ -105,13 +133,13 @@ void XmlWriter::openTag(const QString& nsUri, QStringView name)
         m_names.append(buffer, length);
         m_names.append(name.toUtf8());
     }
-    m_out->append('<');
-    m_out->append(m_names.constData() + start, m_names.size() - start);
+    put('<');
+    put(m_names.constData() + start, m_names.size() - start);
     if (!prefix) {
-        m_out->append(" xmlns:X=\"");
+        put(" xmlns:X=\"");
         const QByteArray uri = nsUri.toUtf8();
         escape(uri.constData(), uri.size());
-        m_out->append('"');
+        put('"');
     }
     m_open.append(start);
     m_tagPending = true;
@@ -122,9 +150,9 @@ void XmlWriter::openTag(const QString& nsUri, QStringView name)
 void XmlWriter::closeTop()
 {
     const qsizetype start = m_open.takeLast();
-    m_out->append("</");
-    m_out->append(m_names.constData() + start, m_names.size() - start);
-    m_out->append('>');
+    put("</");
+    put(m_names.constData() + start, m_names.size() - start);
+    put('>');
     m_names.truncate(start);
 }
 
@@ -142,12 +170,12 @@ void XmlWriter::writeEmptyElement(const QString& nsUri, QStringView name)
 
 void XmlWriter::writeAttribute(const char* name, QStringView value)
 {
-    m_out->append(' ');
-    m_out->append(name);
-    m_out->append("=\"");
+    put(' ');
+    put(name);
+    put("=\"");
     const QByteArray v = value.toUtf8();
     escape(v.constData(), v.size());
-    m_out->append('"');
+    put('"');
 }
 
 void XmlWriter::writeEndElement()
@@ -155,7 +183,7 @@ void XmlWriter::writeEndElement()
     if (m_open.isEmpty())
         return;
     if (m_tagPending && !m_pendingEmpty) {
-        m_out->append("/>");
+        put("/>");
         m_tagPending = false;
         m_names.truncate(m_open.takeLast());
         return;
@@ -208,11 +236,11 @@ void XmlWriter::escape(const char* data, qsizetype size)
         }
         if (!replacement)
             continue;
-        m_out->append(data + plain, i - plain);
-        m_out->append(replacement);
+        put(data + plain, i - plain);
+        put(replacement);
         plain = i + 1;
     }
-    m_out->append(data + plain, size - plain);
+    put(data + plain, size - plain);
 }
 
 } // namespace nimbrel::publish

@@ -8,13 +8,15 @@
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <string>
 
 namespace nimbrel::publish {
 
 class XmlWriter
 {
 public:
-    explicit XmlWriter(QByteArray* out);
+    XmlWriter();
+    void reserve(qsizetype bytes) { m_out.reserve(size_t(bytes)); }
 
     // Opens the root element, declaring the fixed prefixes.
     void startDocument(const QString& nsUri, const char* name);
@@ -25,14 +27,20 @@ public:
     void writeTextElement(const QString& nsUri, QStringView name, QStringView text);
     void writeTextElement(const QString& nsUri, QStringView name, const QByteArray& utf8);
     void endDocument();
+    // The document written so far.
+    QByteArray take();
 
 private:
     void openTag(const QString& nsUri, QStringView name);
     void closePendingTag();
     void escape(const char* data, qsizetype size);
     void closeTop();
+    void put(const char* data, qsizetype size);
+    void put(const char* text);
+    void put(char c);
+    void put(const QByteArray& bytes);
 
-    QByteArray* m_out;
+    std::string m_out; // geometric growth, unlike QByteArray::append in Qt 6.4
     // Qualified names of the open elements, one after the other, with where each starts: no
     // allocation per element.
     QByteArray m_names;
