@@ -169,7 +169,7 @@ PropStatus itemProperty(XmlWriter* w, const PropName& p, const ResourceView& v)
     if (p.is(ns::kDav, "getcontenttype"))
         return writeText(w, p, QStringLiteral("text/calendar; charset=utf-8"));
     if (p.is(ns::kDav, "getcontentlength"))
-        return writeText(w, p, QString::number(v.item->size));
+        return v.item->size < 0 ? PropStatus::NotFound : writeText(w, p, QString::number(v.item->size));
     if (p.is(ns::kCalDav, "calendar-data")) {
         if (!v.calendarData)
             return PropStatus::NotFound;

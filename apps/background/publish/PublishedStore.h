@@ -30,7 +30,7 @@ struct PublishedItem
 {
     QString name;    // file name, "<something>.ics"
     QByteArray etag; // quoted strong ETag, e.g. "\"3f2a…\""
-    qint64 size = 0;
+    qint64 size = -1; // bytes, or -1 when the store does not know without reading
 };
 
 struct ItemChange
