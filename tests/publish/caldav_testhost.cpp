@@ -6,10 +6,7 @@
 //     access <uid> <readPassword|-> <writePassword|-> <readOnly 0|1>
 // SIGTERM or SIGINT ends it cleanly (the announcement is withdrawn).
 
-#include "DnssdClient.h"
-#include "HttpServer.h"
-#include "RequestHandler.h"
-#include "ServiceAnnouncer.h"
+#include "CaldavPublisher.h"
 #include "VdirTestStore.h"
 
 #include <QCommandLineParser>
@@ -65,37 +62,23 @@ int main(int argc, char** argv)
     parser.process(app);
 
     test::VdirTestStore store(parser.value(QStringLiteral("root")));
-    FailedPasswordGuard guard;
-    RequestHandler handler(store, guard);
-    handler.setHomeName(parser.value(QStringLiteral("announce")));
-    HttpServer server([&](const HttpRequest& r) { return handler.handle(r); });
-
-    ServerCertificate certificate;
+    CaldavPublisher publisher(store);
+    PublisherConfig config;
+    config.dataFolder = parser.value(QStringLiteral("data"));
+    config.hostName = QStringLiteral("testhost");
+    config.fixedPort = quint16(parser.value(QStringLiteral("port")).toUInt());
+    config.tls = !parser.isSet(QStringLiteral("plain"));
+    config.limits.connectionsPerAddress = parser.value(QStringLiteral("per-address")).toUInt();
     QString error;
-    if (!parser.isSet(QStringLiteral("plain"))) {
-        certificate = ServerCertificate::loadOrCreate(parser.value(QStringLiteral("data")), QStringLiteral("testhost"), &error);
-        if (!certificate.isValid()) {
-            std::fprintf(stderr, "certificate: %s\n", qPrintable(error));
-            return 2;
-        }
-    }
-    ServerLimits limits;
-    limits.connectionsPerAddress = parser.value(QStringLiteral("per-address")).toUInt();
-    if (!server.start(quint16(parser.value(QStringLiteral("port")).toUInt()), certificate, limits, &error)) {
-        std::fprintf(stderr, "cannot listen: %s\n", qPrintable(error));
+    if (!publisher.start(config, &error)) {
+        std::fprintf(stderr, "cannot serve: %s\n", qPrintable(error));
         return 2;
     }
-    say("listening " + QByteArray::number(server.port()) + ' ' + certificate.fingerprint.toLatin1());
-
-    dnssd::DnssdClient dnssd;
-    ServiceAnnouncer announcer(dnssd);
-    QObject::connect(&announcer, &ServiceAnnouncer::registered, [](const QString& n) { say("announced " + n.toUtf8()); });
-    QObject::connect(&announcer, &ServiceAnnouncer::failed, [](const QString& r) { say("announce-failed " + r.toUtf8()); });
-    if (parser.isSet(QStringLiteral("announce"))) {
-        dnssd.start();
-        announcer.announce({parser.value(QStringLiteral("announce")), server.port(), parser.value(QStringLiteral("id")),
-                            certificate.fingerprint, 1});
-    }
+    say("listening " + QByteArray::number(publisher.port()) + ' ' + publisher.fingerprint().toLatin1());
+    QObject::connect(&publisher, &CaldavPublisher::namePublished, [](const QString& n) { say("announced " + n.toUtf8()); });
+    QObject::connect(&publisher, &CaldavPublisher::nameFailed, [](const QString& r) { say("announce-failed " + r.toUtf8()); });
+    if (parser.isSet(QStringLiteral("announce")))
+        publisher.announce(parser.value(QStringLiteral("announce")), parser.value(QStringLiteral("id")));
 
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
     QByteArray pending;
@@ -116,8 +99,7 @@ int main(int argc, char** argv)
     std::signal(SIGINT, [](int) { (void)!write(gSignalPipe[0], "x", 1); });
     QSocketNotifier signalNotifier(gSignalPipe[1], QSocketNotifier::Read);
     QObject::connect(&signalNotifier, &QSocketNotifier::activated, [&] {
-        announcer.withdraw();
-        server.stop();
+        publisher.stop();
         app.quit();
     });
     return app.exec();

@@ -74,21 +74,20 @@ HttpResponse RequestHandler::propfind(const HttpRequest& request, const DavPath&
     if (path.kind == DavPath::Root)
         return propfindHome(request, *body, depth);
 
-    const auto calendar = m_store.calendar(path.calendar);
-    if (!calendar)
-        return HttpResponse::text(404, "No such calendar");
-    const Access access = authorize(request, *calendar, NeedRead);
-    if (access.refusal)
-        return *access.refusal;
+    const Target target = open(request, path, NeedRead);
+    if (target.access.refusal)
+        return *target.access.refusal;
+    const PublishedCalendar& calendar = target.calendar;
+    const Access& access = target.access;
     Multistatus out;
     if (path.kind == DavPath::Calendar) {
-        propfindCalendar(out, *calendar, access.privileges, *body, depth);
+        propfindCalendar(out, calendar, access.privileges, *body, depth);
         return multistatus(out);
     }
     const auto item = m_store.item(path.calendar, path.item);
     if (!item)
         return HttpResponse::text(404, "No such item");
-    ResourceView view{ResourceView::Item, m_homeName, &*calendar, access.privileges, {}, &*item, nullptr};
+    ResourceView view{ResourceView::Item, m_homeName, &calendar, access.privileges, {}, &*item, nullptr};
     QByteArray data;
     const QList<PropName>& props = propsOf(*body, ResourceView::Item);
     if (wantsCalendarData(props)) {
@@ -196,16 +195,14 @@ HttpResponse RequestHandler::report(const HttpRequest& request, const DavPath& p
         return xmlError(error);
     if (path.kind != DavPath::Calendar)
         return preconditionFailed(403, "D:supported-report");
-    const auto calendar = m_store.calendar(path.calendar);
-    if (!calendar)
-        return HttpResponse::text(404, "No such calendar");
-    const Access access = authorize(request, *calendar, NeedRead);
-    if (access.refusal)
-        return *access.refusal;
+    const Target target = open(request, path, NeedRead);
+    if (target.access.refusal)
+        return *target.access.refusal;
+    const Privileges& privileges = target.access.privileges;
     switch (body->kind) {
-    case ReportRequest::Multiget: return multiget(*calendar, access.privileges, *body);
-    case ReportRequest::Query: return query(*calendar, access.privileges, *body);
-    case ReportRequest::SyncCollection: return syncCollection(*calendar, access.privileges, *body);
+    case ReportRequest::Multiget: return multiget(target.calendar, privileges, *body);
+    case ReportRequest::Query: return query(target.calendar, privileges, *body);
+    case ReportRequest::SyncCollection: return syncCollection(target.calendar, privileges, *body);
     }
     return preconditionFailed(403, "D:supported-report");
 }

@@ -151,17 +151,27 @@ RequestHandler::Access RequestHandler::authorize(const HttpRequest& request, con
     return access;
 }
 
+RequestHandler::Target RequestHandler::open(const HttpRequest& request, const DavPath& path, Need need)
+{
+    Target target;
+    const auto calendar = m_store.calendar(path.calendar);
+    if (!calendar) {
+        target.access.refusal = HttpResponse::text(404, "No such calendar");
+        return target;
+    }
+    target.calendar = *calendar;
+    target.access = authorize(request, target.calendar, need);
+    return target;
+}
+
 HttpResponse RequestHandler::get(const HttpRequest& request, const DavPath& path, bool head)
 {
     Q_UNUSED(head);
     if (path.kind == DavPath::Root)
         return HttpResponse::text(200, "Nimbrel calendars. Add this address to a CalDAV calendar client.");
-    const auto calendar = m_store.calendar(path.calendar);
-    if (!calendar)
-        return HttpResponse::text(404, "No such calendar");
-    const Access access = authorize(request, *calendar, NeedRead);
-    if (access.refusal)
-        return *access.refusal;
+    const Target target = open(request, path, NeedRead);
+    if (target.access.refusal)
+        return *target.access.refusal;
     if (path.kind == DavPath::Calendar)
         return HttpResponse::text(405, "A calendar is read item by item");
     QByteArray etag;
@@ -185,12 +195,9 @@ HttpResponse RequestHandler::put(const HttpRequest& request, const DavPath& path
 {
     if (path.kind != DavPath::Item)
         return HttpResponse::text(405, "Calendars are made on the computer that publishes them");
-    const auto calendar = m_store.calendar(path.calendar);
-    if (!calendar)
-        return HttpResponse::text(404, "No such calendar");
-    const Access access = authorize(request, *calendar, NeedWrite);
-    if (access.refusal)
-        return *access.refusal;
+    const Target target = open(request, path, NeedWrite);
+    if (target.access.refusal)
+        return *target.access.refusal;
     if (!isItemName(path.item))
         return HttpResponse::text(403, "Item names end in .ics");
     const auto current = m_store.item(path.calendar, path.item);
@@ -221,12 +228,9 @@ HttpResponse RequestHandler::remove(const HttpRequest& request, const DavPath& p
 {
     if (path.kind != DavPath::Item)
         return HttpResponse::text(403, "Calendars are removed on the computer that publishes them");
-    const auto calendar = m_store.calendar(path.calendar);
-    if (!calendar)
-        return HttpResponse::text(404, "No such calendar");
-    const Access access = authorize(request, *calendar, NeedWrite);
-    if (access.refusal)
-        return *access.refusal;
+    const Target target = open(request, path, NeedWrite);
+    if (target.access.refusal)
+        return *target.access.refusal;
     const auto current = m_store.item(path.calendar, path.item);
     if (!current)
         return HttpResponse::text(404, "No such item");

@@ -31,6 +31,14 @@ private:
     };
     enum Need { NeedNothing, NeedRead, NeedWrite };
     Access authorize(const HttpRequest& request, const PublishedCalendar& calendar, Need need);
+    // The published calendar a request addresses, once it may do `need` there; else the refusal
+    // (404 for a calendar that is not published) in `access.refusal`.
+    struct Target
+    {
+        PublishedCalendar calendar;
+        Access access;
+    };
+    Target open(const HttpRequest& request, const DavPath& path, Need need);
 
     HttpResponse options() const;
     HttpResponse get(const HttpRequest& request, const DavPath& path, bool head);
