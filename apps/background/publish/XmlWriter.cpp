@@ -116,11 +116,14 @@ void XmlWriter::openTag(const QString& nsUri, QStringView name)
     closePendingTag();
     const char* prefix = prefixOf(nsUri);
     const qsizetype start = m_names.size();
+    // An element in no namespace has no prefix (an empty namespace cannot be bound to one).
+    const char* written = prefix ? prefix : nsUri.isEmpty() ? "" : "X";
     // Element names are short and ASCII nearly always: build "prefix:name" on the stack.
     char buffer[96];
-    qsizetype length = qsizetype(std::strlen(prefix ? prefix : "X"));
-    std::memcpy(buffer, prefix ? prefix : "X", size_t(length));
-    buffer[length++] = ':';
+    qsizetype length = qsizetype(std::strlen(written));
+    std::memcpy(buffer, written, size_t(length));
+    if (length > 0)
+        buffer[length++] = ':';
     bool ascii = name.size() < qsizetype(sizeof buffer) - length;
     for (qsizetype i = 0; ascii && i < name.size(); ++i) {
         const char16_t c = name[i].unicode();
@@ -135,7 +138,9 @@ void XmlWriter::openTag(const QString& nsUri, QStringView name)
     }
     put('<');
     put(m_names.constData() + start, m_names.size() - start);
-    if (!prefix) {
+    if (!prefix && nsUri.isEmpty()) {
+        put(" xmlns=\"\"");
+    } else if (!prefix) {
         put(" xmlns:X=\"");
         const QByteArray uri = nsUri.toUtf8();
         escape(uri.constData(), uri.size());
