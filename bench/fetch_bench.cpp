@@ -9,7 +9,7 @@
 // The answering peer lives in this process, on its own thread and its own bus connection, like the
 // background application would in its own process.
 #include "link/AppProtocolProxy.h"
-#include "link/WireCodec.h"
+#include "protocol/WireCodec.h"
 #include "model/NimbrelCalendar.h"
 
 #include <QCoreApplication>

@@ -2,10 +2,10 @@
 
 #include "AppProtocolAdaptor.h"
 #include "NimbrelState.h"
-#include "link/AppProtocolProxy.h"
-#include "link/WireCodec.h"
 #include "logging/Log.h"
 #include "platform/SettingsStore.h"
+#include "protocol/AppProtocol.h"
+#include "protocol/WireCodec.h"
 
 #include <QDBusConnectionInterface>
 #include <QDBusReply>

@@ -1,14 +1,14 @@
 #pragma once
 
-// Everything the background application knows and keeps: the local calendars (vdir folders of .ics
-// files), what is published where and with which passwords, the subscriptions and their options, the
-// remote servers, the Google account settings, the Bonjour publisher name and port, and the sync
-// history. Persistent state lives in the SQLite database Nimbrel.nsql; the calendars themselves stay in
-// their folders. Each answer is a property-list value in the shape the control panel reads (calendar
-// dictionaries with "uid", "title", "order", "publishedToBonjour", …; sources with "source" true and
-// "calendars").
+// What the control panel asks of the background application and what it changes, over the parts that
+// keep it: the local calendars (calendars/), the per-calendar publishing settings, the sources and
+// subscriptions, the publisher settings and the sync history (state/, in Nimbrel.nsql). Each answer is
+// a property-list value in the shape the panel reads (calendar dictionaries with "uid", "title",
+// "order", "publishedToBonjour", …; sources with "source" true and "calendars").
 //
 // Every change is written to disk before its notification is posted through the poster.
+
+#include "state/DataFolder.h"
 
 #include <QObject>
 #include <QString>
@@ -19,16 +19,6 @@
 #include <memory>
 
 namespace nimbrel::background {
-
-// $XDG_DATA_HOME/Nimbrel (default ~/.local/share/Nimbrel) and the things inside it.
-QString supportFolder();
-QString databasePath();    // supportFolder()/Nimbrel.nsql
-QString backupFolder();    // supportFolder()/Backup
-QString calendarsFolder(); // supportFolder()/Calendars
-
-// Empties the sync history of the database at `path` (what the reset tool does). False, with a
-// message in *error, when the database cannot be opened or written.
-bool clearSyncHistory(const QString& path, QString* error);
 
 class NimbrelState : public QObject
 {

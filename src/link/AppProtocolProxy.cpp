@@ -1,15 +1,13 @@
 #include "link/AppProtocolProxy.h"
 
-#include "link/WireCodec.h"
+#include "logging/Log.h"
+#include "protocol/WireCodec.h"
 
 #include <QDBusMessage>
-#include <QLoggingCategory>
 
 namespace nimbrel {
 
 namespace {
-
-Q_LOGGING_CATEGORY(lcProxy, "nimbrel.link.proxy")
 
 // The call as a message: no introspection, and a stopped background application stays stopped.
 // False (with `error` set) when an argument cannot be carried.
@@ -45,8 +43,7 @@ bool AppProtocolProxy::send(const QString& method, const QVariantList& arguments
     if (!buildCall(method, arguments, &message, &error) || !m_connection.send(message)) {
         if (!error.isValid())
             error = m_connection.lastError();
-        qCWarning(lcProxy).noquote() << method + QStringLiteral(": not sent:") << error.name()
-                                     << error.message();
+        Log(13, "%@: not sent: %@ %@", method, error.name(), error.message());
         return false;
     }
     return true;
@@ -69,8 +66,7 @@ std::optional<QVariant> AppProtocolProxy::call(const QString& method, const QVar
         if (!failure.isValid())
             failure = QDBusError(QDBusError::InternalError, QStringLiteral("no reply"));
     }
-    qCWarning(lcProxy).noquote() << method + QStringLiteral(": failed:") << failure.name()
-                                 << failure.message();
+    Log(13, "%@: failed: %@ %@", method, failure.name(), failure.message());
     if (error)
         *error = failure;
     return std::nullopt;
@@ -78,14 +74,14 @@ std::optional<QVariant> AppProtocolProxy::call(const QString& method, const QVar
 
 std::optional<qint32> AppProtocolProxy::version(QDBusError* error) const
 {
-    const std::optional<QVariant> answer = call(QStringLiteral("version"), {}, error);
+    const std::optional<QVariant> answer = call(method::version, {}, error);
     if (!answer)
         return std::nullopt;
     if (answer->typeId() != QMetaType::Int) {
         const QDBusError wrongType(
             QDBusError::InvalidSignature,
             QStringLiteral("version answered a %1").arg(QLatin1String(answer->typeName())));
-        qCWarning(lcProxy).noquote() << QStringLiteral("version: failed:") << wrongType.message();
+        Log(13, "version: failed: %@", wrongType.message());
         if (error)
             *error = wrongType;
         return std::nullopt;
@@ -99,8 +95,7 @@ std::optional<QVariantList> AppProtocolProxy::listCall(const QString& method) co
     if (!answer)
         return std::nullopt;
     if (answer->typeId() != QMetaType::QVariantList) {
-        qCWarning(lcProxy).noquote() << method + QStringLiteral(": answered a") << answer->typeName()
-                                     << QStringLiteral("instead of a list");
+        Log(13, "%@: answered a %s instead of a list", method, answer->typeName());
         return std::nullopt;
     }
     return answer->toList();
@@ -108,31 +103,30 @@ std::optional<QVariantList> AppProtocolProxy::listCall(const QString& method) co
 
 std::optional<QVariantList> AppProtocolProxy::calendarsPublishableViaBonjour() const
 {
-    return listCall(QStringLiteral("calendarsPublishableViaBonjour"));
+    return listCall(method::calendarsPublishableViaBonjour);
 }
 
 std::optional<QVariantList> AppProtocolProxy::sourceListOfBonjourCalendars() const
 {
-    return listCall(QStringLiteral("sourceListOfBonjourCalendars"));
+    return listCall(method::sourceListOfBonjourCalendars);
 }
 
 std::optional<QVariantList> AppProtocolProxy::calendarsPublishableToGoogle() const
 {
-    return listCall(QStringLiteral("calendarsPublishableToGoogle"));
+    return listCall(method::calendarsPublishableToGoogle);
 }
 
 std::optional<QVariantList> AppProtocolProxy::sourceListOfGoogleCalendars() const
 {
-    return listCall(QStringLiteral("sourceListOfGoogleCalendars"));
+    return listCall(method::sourceListOfGoogleCalendars);
 }
 
 QVariantMap AppProtocolProxy::bonjourPublisherInfo(bool* ok) const
 {
-    const std::optional<QVariant> answer = call(QStringLiteral("bonjourPublisherInfo"));
+    const std::optional<QVariant> answer = call(method::bonjourPublisherInfo);
     const bool isMap = answer && answer->typeId() == QMetaType::QVariantMap;
     if (answer && !isMap) {
-        qCWarning(lcProxy).noquote() << QStringLiteral("bonjourPublisherInfo: answered a")
-                                     << answer->typeName() << QStringLiteral("instead of a dictionary");
+        Log(13, "bonjourPublisherInfo: answered a %s instead of a dictionary", answer->typeName());
     }
     if (ok)
         *ok = isMap;
@@ -141,12 +135,11 @@ QVariantMap AppProtocolProxy::bonjourPublisherInfo(bool* ok) const
 
 bool AppProtocolProxy::googleSyncInProgress() const
 {
-    const std::optional<QVariant> answer = call(QStringLiteral("googleSyncInProgress"));
+    const std::optional<QVariant> answer = call(method::googleSyncInProgress);
     if (!answer)
         return false;
     if (answer->typeId() != QMetaType::Bool) {
-        qCWarning(lcProxy).noquote() << QStringLiteral("googleSyncInProgress: answered a")
-                                     << answer->typeName() << QStringLiteral("instead of a boolean");
+        Log(13, "googleSyncInProgress: answered a %s instead of a boolean", answer->typeName());
         return false;
     }
     return answer->toBool();
@@ -154,92 +147,92 @@ bool AppProtocolProxy::googleSyncInProgress() const
 
 void AppProtocolProxy::techSupportInfo() const
 {
-    call(QStringLiteral("techSupportInfo"));
+    call(method::techSupportInfo);
 }
 
 void AppProtocolProxy::publishCalendarViaBonjour(const QVariantMap& calendar) const
 {
-    send(QStringLiteral("publishCalendarViaBonjour"), {calendar});
+    send(method::publishCalendarViaBonjour, {calendar});
 }
 
 void AppProtocolProxy::publishCalendarToGoogle(const QVariantMap& calendar) const
 {
-    send(QStringLiteral("publishCalendarToGoogle"), {calendar});
+    send(method::publishCalendarToGoogle, {calendar});
 }
 
 void AppProtocolProxy::subscribeTo(const QVariantMap& calendar) const
 {
-    send(QStringLiteral("subscribeTo"), {calendar});
+    send(method::subscribeTo, {calendar});
 }
 
 void AppProtocolProxy::publishOptions(const QVariantMap& calendar) const
 {
-    send(QStringLiteral("publishOptions"), {calendar});
+    send(method::publishOptions, {calendar});
 }
 
 void AppProtocolProxy::subscribeOptions(const QVariantMap& calendar) const
 {
-    send(QStringLiteral("subscribeOptions"), {calendar});
+    send(method::subscribeOptions, {calendar});
 }
 
 void AppProtocolProxy::bonjourIPServiceOptions(const QVariantMap& server) const
 {
-    send(QStringLiteral("bonjourIPServiceOptions"), {server});
+    send(method::bonjourIPServiceOptions, {server});
 }
 
 void AppProtocolProxy::disconnectBonjourIPService(const QVariantMap& server) const
 {
-    send(QStringLiteral("disconnectBonjourIPService"), {server});
+    send(method::disconnectBonjourIPService, {server});
 }
 
 void AppProtocolProxy::googleServiceOptions(const QVariantMap& settings) const
 {
-    send(QStringLiteral("googleServiceOptions"), {settings});
+    send(method::googleServiceOptions, {settings});
 }
 
 void AppProtocolProxy::disconnectGoogleService(const QVariantMap& settings) const
 {
-    send(QStringLiteral("disconnectGoogleService"), {settings});
+    send(method::disconnectGoogleService, {settings});
 }
 
 void AppProtocolProxy::setBonjourPublisherInfo(const QVariantMap& info) const
 {
-    send(QStringLiteral("setBonjourPublisherInfo"), {info});
+    send(method::setBonjourPublisherInfo, {info});
 }
 
 void AppProtocolProxy::log(const QString& text) const
 {
-    send(QStringLiteral("log"), {text});
+    send(method::log, {text});
 }
 
 void AppProtocolProxy::checkForUpdate() const
 {
-    send(QStringLiteral("checkForUpdate"));
+    send(method::checkForUpdate);
 }
 
 void AppProtocolProxy::autoCheckForUpdatesChanged() const
 {
-    send(QStringLiteral("autoCheckForUpdatesChanged"));
+    send(method::autoCheckForUpdatesChanged);
 }
 
 void AppProtocolProxy::syncHistoryWillBeReset() const
 {
-    send(QStringLiteral("syncHistoryWillBeReset"));
+    send(method::syncHistoryWillBeReset);
 }
 
 void AppProtocolProxy::syncHistoryWasReset() const
 {
-    send(QStringLiteral("syncHistoryWasReset"));
+    send(method::syncHistoryWasReset);
 }
 
 void AppProtocolProxy::resetDatabase() const
 {
-    send(QStringLiteral("resetDatabase"));
+    send(method::resetDatabase);
 }
 
 void AppProtocolProxy::shutdown() const
 {
-    send(QStringLiteral("shutdown"));
+    send(method::shutdown);
 }
 
 } // namespace nimbrel

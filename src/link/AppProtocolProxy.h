@@ -5,6 +5,8 @@
 // background application (auto-start off). One-way operations return at once; synchronous ones block
 // with the proxy's reply time-out.
 
+#include "protocol/AppProtocol.h"
+
 #include <QDBusConnection>
 #include <QDBusError>
 #include <QString>
@@ -14,11 +16,6 @@
 #include <optional>
 
 namespace nimbrel {
-
-inline const QString kAppProtocolService = QStringLiteral("com.quorvia.Nimbrel.Proxy");
-inline const QString kAppProtocolPath = QStringLiteral("/com/quorvia/Nimbrel/Proxy");
-inline const QString kAppProtocolInterface = QStringLiteral("com.quorvia.Nimbrel.AppProtocol");
-inline constexpr int kAppProtocolVersion = 5;
 
 class AppProtocolProxy
 {

@@ -4,7 +4,7 @@
 #include "link/NimbrelCom.h"
 
 #include "link/NimbrelComDelegate.h"
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
 #include "logging/Log.h"
 #include "platform/PlistCodec.h"
 #include "platform/RunLoop.h"

@@ -3,10 +3,10 @@
 
 #include "link/NimbrelCom.h"
 #include "link/NimbrelComDelegate.h"
-#include "link/NotificationBus.h"
 #include "platform/ProcessLookup.h"
 #include "platform/RunLoop.h"
 #include "platform/SettingsStore.h"
+#include "protocol/NotificationBus.h"
 
 namespace nimbrel {
 
@@ -47,24 +47,24 @@ void NimbrelCom::registerNotifications()
 
     const struct
     {
-        const char* name;
+        QLatin1StringView name;
         void (NimbrelCom::*handler)();
     } table[] = {
-        {"Nimbrel Running", &NimbrelCom::backgroundAppLaunched},
-        {"Nimbrel Stopped", &NimbrelCom::backgroundAppTerminated},
-        {"Nimbrel Reset", &NimbrelCom::backgroundAppReset},
-        {"Nimbrel Calendars Changed", &NimbrelCom::calendarsChanged},
-        {"Nimbrel Bonjour Update", &NimbrelCom::bonjourServiceUpdate},
-        {"Nimbrel Bonjour Publishable Change", &NimbrelCom::publishableCalendarsChanged},
-        {"Nimbrel Bonjour Change", &NimbrelCom::subscribeCalendarsChanged},
-        {"Nimbrel Bonjour Name Published", &NimbrelCom::bonjourNamePublished},
-        {"Nimbrel Bonjour Checked Update", &NimbrelCom::updateChecked},
-        {"Nimbrel Google Update", &NimbrelCom::googleServiceUpdate},
-        {"Nimbrel Google Change", &NimbrelCom::googleSynchingChanged},
+        {notification::running, &NimbrelCom::backgroundAppLaunched},
+        {notification::stopped, &NimbrelCom::backgroundAppTerminated},
+        {notification::reset, &NimbrelCom::backgroundAppReset},
+        {notification::calendarsChanged, &NimbrelCom::calendarsChanged},
+        {notification::bonjourUpdate, &NimbrelCom::bonjourServiceUpdate},
+        {notification::bonjourPublishableChange, &NimbrelCom::publishableCalendarsChanged},
+        {notification::bonjourChange, &NimbrelCom::subscribeCalendarsChanged},
+        {notification::bonjourNamePublished, &NimbrelCom::bonjourNamePublished},
+        {notification::checkedUpdate, &NimbrelCom::updateChecked},
+        {notification::googleUpdate, &NimbrelCom::googleServiceUpdate},
+        {notification::googleChange, &NimbrelCom::googleSynchingChanged},
     };
     for (const auto& entry : table) {
         const auto handler = entry.handler;
-        m_notifications->addObserver(QLatin1String(entry.name), [this, handler] { (this->*handler)(); });
+        m_notifications->addObserver(entry.name, [this, handler] { (this->*handler)(); });
     }
 }
 

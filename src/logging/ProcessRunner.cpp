@@ -1,8 +1,8 @@
 #include "logging/SupportBundlePrivate.h"
 
-#include <QDesktopServices>
+#include "platform/ProcessLaunch.h"
+
 #include <QProcess>
-#include <QUrl>
 
 namespace nimbrel {
 
@@ -91,7 +91,7 @@ bool openUrl(const QString& url)
 {
     if (urlOpener())
         return urlOpener()(url);
-    return QDesktopServices::openUrl(QUrl::fromEncoded(url.toUtf8()));
+    return openUrlWithDesktop(url);
 }
 
 } // namespace supportbundle

@@ -38,7 +38,7 @@ public:
 ProcessRunner& processRunner();
 void setProcessRunner(ProcessRunner* runner);
 
-// How URLs are opened (QDesktopServices by default); an empty function restores the default.
+// How URLs are opened (xdg-open by default); an empty function restores the default.
 void setUrlOpener(std::function<bool(const QString& url)> opener);
 
 // Zips `logFolder` (and, when asked, the last 10 000 lines of the system journal as system.log) into

@@ -1,9 +1,8 @@
 #include "model/NimbrelCalendar.h"
 
 #include "model/CalendarLink.h"
+#include "platform/KeyboardState.h"
 
-#include <QCoreApplication>
-#include <QGuiApplication>
 #include <QMetaType>
 #include <algorithm>
 #include <cmath>
@@ -316,10 +315,7 @@ bool NimbrelCalendar::alternateKeyDown() const
 {
     if (const auto& source = alternateKeySource())
         return source();
-    // Programs without a GUI application have no keyboard to ask.
-    if (!qobject_cast<QGuiApplication*>(QCoreApplication::instance()))
-        return false;
-    return QGuiApplication::queryKeyboardModifiers().testFlag(Qt::AltModifier);
+    return nimbrel::alternateKeyDown();
 }
 
 void NimbrelCalendar::sortByCompare(CalendarList& list)

@@ -88,7 +88,7 @@ public:
     std::optional<QDateTime> usableSyncTime() const;
 
     // Whether the Alternate (Option) modifier is down in the event being handled; replaceable in tests.
-    // An empty function restores the default (the application's keyboard state).
+    // An empty function restores the default (the platform's keyboard state, see KeyboardState.h).
     static void setAlternateKeySource(std::function<bool()> source);
     // The present moment the sync texts count days from; replaceable in tests. An empty function restores
     // the clock.

@@ -4,14 +4,15 @@
 
 #include <QFileInfo>
 #include <QProcess>
-
+#include <QUrl>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 
 namespace nimbrel {
 
-bool launchApplication(const QString& bundlePath, const QStringList& arguments, qint64* outPid, QString* error)
+bool launchApplication(const QString& bundlePath, const QStringList& arguments, qint64* outPid,
+                       QString* error)
 {
     const auto fail = [error](const QString& reason) {
         if (error)
@@ -37,6 +38,27 @@ bool launchApplication(const QString& bundlePath, const QStringList& arguments, 
     if (!process.startDetached(outPid))
         return fail(QStringLiteral("cannot start %1: %2").arg(executable, process.errorString()));
     return true;
+}
+
+bool openUrlWithDesktop(const QString& url, QString* error)
+{
+    // A scheme first means the argument can never be taken for an option of xdg-open.
+    if (QUrl(url).scheme().isEmpty()) {
+        if (error)
+            *error = QStringLiteral("not a URL: %1").arg(url);
+        return false;
+    }
+    QProcess process;
+    process.setProgram(QStringLiteral("/usr/bin/xdg-open"));
+    process.setArguments({url});
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.setStandardErrorFile(QProcess::nullDevice());
+    if (process.startDetached())
+        return true;
+    if (error)
+        *error = QStringLiteral("cannot start xdg-open: %1").arg(process.errorString());
+    return false;
 }
 
 bool requestQuit(qint64 pid)

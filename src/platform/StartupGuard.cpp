@@ -1,15 +1,12 @@
 // The start-up guard that refuses systems older than the program supports.
 #include "platform/PrefPaneUtilities.h"
+#include "platform/ProcessLaunch.h"
 #include "platform/Strings.h"
 #include "platform/SystemVersion.h"
 
-#include <QApplication>
-#include <QDesktopServices>
+#include <QCoreApplication>
 #include <QFile>
-#include <QMessageBox>
-#include <QPushButton>
 #include <QThread>
-#include <QUrl>
 #include <cstdio>
 #include <cstdlib>
 
@@ -17,30 +14,16 @@ namespace nimbrel {
 
 namespace {
 
+// Without a GUI (or before installGuiPlatformHooks) the alert is said on standard error.
 PrefPaneUtilities::AlertButton defaultAlert(const PrefPaneUtilities::AlertTexts& texts)
 {
-    // Without a widget application there is nothing to show the alert on: say it on stderr.
-    if (!qobject_cast<QApplication*>(QCoreApplication::instance())) {
-        std::fprintf(stderr, "%s\n%s\n", qPrintable(texts.title), qPrintable(texts.message));
-        return PrefPaneUtilities::AlertButton::Default;
-    }
-    QMessageBox box;
-    box.setIcon(QMessageBox::Information);
-    box.setWindowTitle(texts.title);
-    box.setText(texts.title);
-    box.setInformativeText(texts.message);
-    QPushButton* quit = box.addButton(texts.defaultButton, QMessageBox::AcceptRole);
-    QPushButton* moreInfo = box.addButton(texts.alternateButton, QMessageBox::ActionRole);
-    box.setDefaultButton(quit);
-    box.setEscapeButton(quit);
-    box.exec();
-    return box.clickedButton() == moreInfo ? PrefPaneUtilities::AlertButton::Alternate
-                                           : PrefPaneUtilities::AlertButton::Default;
+    std::fprintf(stderr, "%s\n%s\n", qPrintable(texts.title), qPrintable(texts.message));
+    return PrefPaneUtilities::AlertButton::Default;
 }
 
 void defaultOpenUrl(const QString& url)
 {
-    QDesktopServices::openUrl(QUrl(url));
+    openUrlWithDesktop(url);
 }
 
 // The application must not go on running: leave the event loop if one runs, then end the process.

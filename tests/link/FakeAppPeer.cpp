@@ -2,8 +2,8 @@
 
 #include "AppProtocolAdaptor.h"
 #include "link/AppProtocolProxy.h"
-#include "link/NotificationBus.h"
-#include "link/WireCodec.h"
+#include "protocol/NotificationBus.h"
+#include "protocol/WireCodec.h"
 
 #include <QAtomicInt>
 #include <QCoreApplication>

@@ -3,7 +3,7 @@
 
 #include "link/AppProtocolProxy.h"
 #include "link/FakeAppPeer.h"
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
 #include "platform/PlistValue.h"
 #include "support/PlistCompare.h"
 #include "support/TestEnvironment.h"

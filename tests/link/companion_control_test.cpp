@@ -4,7 +4,7 @@
 #include "link/FakeAppPeer.h"
 #include "link/MockDelegate.h"
 #include "link/NimbrelCom.h"
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
 #include "platform/LoginItemsAE.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"

@@ -5,7 +5,7 @@
 #include "link/FakeAppPeer.h"
 #include "link/MockDelegate.h"
 #include "link/NimbrelCom.h"
-#include "link/NotificationBus.h"
+#include "protocol/NotificationBus.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
 #include "platform/VirtualRunLoop.h"

@@ -3,7 +3,7 @@
 
 #include "link/AppProtocolProxy.h"
 #include "link/FakeAppPeer.h"
-#include "link/WireCodec.h"
+#include "protocol/WireCodec.h"
 #include "platform/PlistValue.h"
 #include "support/PlistCompare.h"
 #include "support/TestEnvironment.h"

@@ -6,14 +6,15 @@
 #include "QuitOnSignal.h"
 #include "SingleInstance.h"
 #include "link/NimbrelCom.h"
-#include "link/NotificationBus.h"
 #include "platform/Bundle.h"
 #include "platform/VirtualRunLoop.h"
+#include "protocol/NotificationBus.h"
 #include "support/TestEnvironment.h"
 
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
+#include <QProcess>
 #include <QTimer>
 #include <csignal>
 #include <gtest/gtest.h>
@@ -113,6 +114,39 @@ TEST(MenuBarApp, FindsThePaneAndOpensTheControlPanelBesideIt)
     ASSERT_TRUE(open->isEnabled());
     open->trigger();
     EXPECT_TRUE(test::waitUntil([&] { return QFileInfo::exists(marker); }));
+}
+
+// Options are read before the GUI starts: help and version need no display, and without one the program
+// says why it cannot run instead of aborting.
+TEST(NimbrelMenu, HelpAndVersionNeedNoDisplay)
+{
+    const QString program = test::paneBundlePath() + QStringLiteral("/Resources/NimbrelMenu.app/NimbrelMenu");
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        environment.remove(QLatin1String(name));
+    const struct
+    {
+        const char* argument;
+        int status;
+        const char* output;
+    } cases[] = {
+        {"--help", 0, "Usage:"}, {"--version", 0, "NimbrelMenu 1."}, {"--bogus", 1, "Unknown option"}};
+    for (const auto& c : cases) {
+        QProcess menu;
+        menu.setProcessEnvironment(environment);
+        menu.start(program, {QLatin1String(c.argument)});
+        ASSERT_TRUE(menu.waitForFinished(20000)) << c.argument;
+        EXPECT_EQ(menu.exitStatus(), QProcess::NormalExit) << c.argument;
+        EXPECT_EQ(menu.exitCode(), c.status) << c.argument;
+        EXPECT_TRUE((menu.readAllStandardOutput() + menu.readAllStandardError()).contains(c.output))
+            << c.argument;
+    }
+    QProcess menu;
+    menu.setProcessEnvironment(environment);
+    menu.start(program, {});
+    ASSERT_TRUE(menu.waitForFinished(20000));
+    EXPECT_EQ(menu.exitCode(), 1);
+    EXPECT_TRUE(menu.readAllStandardError().contains("no display"));
 }
 
 TEST(SingleInstance, TheSecondClaimIsRefusedUntilTheFirstOwnerLeaves)

@@ -1,6 +1,7 @@
 #include "platform/Bundle.h"
 #include "platform/PrefPaneUtilities.h"
 #include "platform/SystemVersion.h"
+#include "platform/gui/GuiHooks.h"
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -193,6 +194,9 @@ TEST_F(StartupGuardTest, DefaultAlertShowsTheTextsAndBothButtonsAndReportsTheCli
 {
     setSystemVersionSource(fixedSystemVersion(0x100309));
     hook(std::nullopt);
+    PrefPaneUtilities::setStartupGuardHooks(
+        messageBoxAlert, [this](const QString& url) { events.append(QStringLiteral("open ") + url); },
+        [this] { events.append(QStringLiteral("terminate")); });
     for (const QString& click : {QStringLiteral("Quit"), QStringLiteral("More Info...")}) {
         events.clear();
         QString shown;
