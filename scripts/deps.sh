@@ -7,7 +7,7 @@ libqt6sql6-sqlite libqt6dbus6 libgl-dev
 libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
 dbus-daemon dbus-bin shared-mime-info zip unzip xdg-utils procps
 libmicrohttpd-dev libgnutls28-dev libical-dev libavahi-client-dev libssl-dev libcurl4-openssl-dev
-curl python3 python3-caldav vdirsyncer radicale xandikos git
+curl python3 python3-caldav python3-dbus vdirsyncer radicale xandikos git
 avahi-daemon avahi-utils iproute2 util-linux"
 
 nimbrel_missing_packages() {
