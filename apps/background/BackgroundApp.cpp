@@ -1,4 +1,5 @@
 #include "BackgroundApp.h"
+#include "Publishing.h"
 
 #include "NimbrelState.h"
 #include "SharedSettings.h"
@@ -168,6 +169,10 @@ int BackgroundApp::start()
                                  QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"),
                                  this, SLOT(busDisconnected()));
     m_updates->reschedule();
+    // Serving the published calendars does not wait for Avahi; the announcement follows by itself.
+    m_publishing = std::make_unique<Publishing>(*m_state, QFileInfo(m_options.databasePath).absolutePath(),
+                                                [this](const QString& name) { post(name); });
+    m_publishing->start();
 
     m_serving = true;
     post(kRunning);
@@ -182,6 +187,7 @@ void BackgroundApp::stop(const QString& reason)
     m_serving = false;
     Log(10, "Nimbrel stopping (%@)", reason);
     m_updates->stop();
+    m_publishing.reset(); // the announcement withdrawn (the goodbye), the server closed
     m_state->close(); // everything on disk before anybody hears "Stopped"
     m_service->unserve();
     if (m_options.connection.isConnected()) {
@@ -303,6 +309,7 @@ void BackgroundApp::closeLog()
 
 void BackgroundApp::teardown()
 {
+    m_publishing.reset();
     m_updates.reset();
     if (m_state && m_state->isOpen())
         m_state->close();

@@ -99,6 +99,7 @@ private:
     std::unique_ptr<NimbrelState> m_state;
     std::unique_ptr<BackgroundService> m_service;
     std::unique_ptr<UpdateScheduler> m_updates;
+    std::unique_ptr<class Publishing> m_publishing;
     std::unique_ptr<SignalNotifier> m_signals;
     std::unique_ptr<QLockFile> m_lock;
     QTimer m_flushTimer;

@@ -30,7 +30,7 @@ bool byOrderThenTitle(const QVariant& a, const QVariant& b)
 
 // ---- The parts ----------------------------------------------------------------------------------------
 
-void NimbrelState::Private::change(const char* operation, const QString& notification,
+bool NimbrelState::Private::change(const char* operation, const QString& notification,
                                    const std::function<QString()>& apply)
 {
     QString problem;
@@ -48,7 +48,10 @@ void NimbrelState::Private::change(const char* operation, const QString& notific
     }
     if (!problem.isEmpty())
         Log(13, "%@: %@", operation, problem);
+    if (published)
+        published->settingsChanged(); // the next request reads flags and passwords afresh
     notify(notification);
+    return problem.isEmpty();
 }
 
 bool NimbrelState::Private::addSettingsRows(const QStringList& uids)
@@ -167,6 +170,7 @@ NimbrelState::NimbrelState(const QString& databasePath, const QString& calendars
     d->store = new CalendarStore(d->db, calendarsFolder, this);
     connect(d->store, &CalendarStore::changed, this,
             [this](const QList<CalendarChange>& changes) { d->calendarsChanged(changes); });
+    d->published = new PublishedCalendars(*d->store, d->settings, this);
 }
 
 NimbrelState::~NimbrelState()
@@ -286,7 +290,30 @@ QVariantList NimbrelState::sourceListOfGoogleCalendars() const
 
 QVariantMap NimbrelState::bonjourPublisherInfo() const
 {
+    QVariantMap info = storedPublisherInfo();
+    if (!d->publishedName.isEmpty())
+        info.insert(QStringLiteral("bonjourName"), d->publishedName); // Avahi's, after a collision
+    return info;
+}
+
+QVariantMap NimbrelState::storedPublisherInfo() const
+{
     return d->sources.publisherInfo(); // a closed database reads as the defaults
+}
+
+publish::PublishedStore* NimbrelState::publishedStore() const
+{
+    return d->published;
+}
+
+void NimbrelState::setPublisherInfoChanged(std::function<void()> changed)
+{
+    d->publisherInfoChanged = std::move(changed);
+}
+
+void NimbrelState::setPublishedName(const QString& name)
+{
+    d->publishedName = name;
 }
 
 bool NimbrelState::googleSyncInProgress() const

@@ -18,6 +18,10 @@
 #include <functional>
 #include <memory>
 
+namespace nimbrel::publish {
+class PublishedStore;
+}
+
 namespace nimbrel::background {
 
 class CalendarSettings;
@@ -71,6 +75,17 @@ public:
     // may write it; resume reopens it and posts "Nimbrel Calendars Changed".
     void pauseForSyncHistoryReset();
     bool resumeAfterSyncHistoryReset();
+
+    // ---- Publishing on the network ---------------------------------------------------------
+    // The published calendars for the CalDAV server (the object lives as long as this state).
+    publish::PublishedStore* publishedStore() const;
+    // "bonjourName" and "portNumber" as the user set them (bonjourPublisherInfo answers the name
+    // really published instead, once there is one).
+    QVariantMap storedPublisherInfo() const;
+    // The publisher's hook: called after a change of name or port was stored; the publisher posts
+    // "Nimbrel Bonjour Name Published" when Avahi answers. Without a hook it is posted at once.
+    void setPublisherInfoChanged(std::function<void()> changed);
+    void setPublishedName(const QString& name);
 
     // Lines for the support log: counts, settings without passwords, schema version, paths.
     QStringList diagnostics() const;

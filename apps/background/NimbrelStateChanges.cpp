@@ -220,7 +220,10 @@ void NimbrelState::disconnectGoogleService(const QVariantMap& settings)
 
 void NimbrelState::setBonjourPublisherInfo(const QVariantMap& info)
 {
-    d->change("setBonjourPublisherInfo", kNamePublished, [&]() -> QString {
+    // With a publisher running, "Name Published" waits for Avahi's answer to the new name; bad input
+    // is answered at once.
+    const bool deferred = bool(d->publisherInfoChanged);
+    const bool made = d->change("setBonjourPublisherInfo", deferred ? QString() : kNamePublished, [&]() -> QString {
         RequestInput in(info);
         if (!in.has("bonjourName"))
             return QStringLiteral("\"bonjourName\" is missing");
@@ -239,6 +242,10 @@ void NimbrelState::setBonjourPublisherInfo(const QVariantMap& info)
             return d->db.writeProblem();
         return {};
     });
+    if (deferred && made)
+        d->publisherInfoChanged();
+    else if (deferred)
+        d->notify(kNamePublished);
 }
 
 } // namespace nimbrel::background

@@ -4,6 +4,7 @@
 // NimbrelState.cpp, changes from the panel in NimbrelStateChanges.cpp).
 
 #include "NimbrelState.h"
+#include "PublishedCalendars.h"
 #include "calendars/CalendarBackup.h"
 #include "calendars/CalendarStore.h"
 #include "logging/Log.h"
@@ -34,17 +35,23 @@ struct NimbrelState::Private
     SourceRecords sources{db};
     CalendarStore* store = nullptr;
     QString lastError;
+    // Publishing: the published calendars as the CalDAV server sees them, the publisher's hook for a
+    // changed name or port, and the name Avahi really published.
+    PublishedCalendars* published = nullptr;
+    std::function<void()> publisherInfoChanged;
+    QString publishedName;
 
     void notify(const QString& name)
     {
-        if (post)
+        if (post && !name.isEmpty())
             post(name);
     }
 
     // One change: `apply` checks the input and writes inside a transaction, returning what was wrong
     // (empty when all went well). Bad input and failed writes are logged; the notification is posted
     // in every case, after the commit, so that the panel stops waiting and re-reads the state.
-    void change(const char* operation, const QString& notification, const std::function<QString()>& apply);
+    // Returns whether the change was made.
+    bool change(const char* operation, const QString& notification, const std::function<QString()>& apply);
 
     // Records a batch of the calendar store's changes (history, settings rows for new calendars), a
     // chunk per pass of the event loop (a first start brings thousands), then posts one "Nimbrel
