@@ -23,6 +23,8 @@ TEST(PreferencesHost, WindowEventsSelectAndUnselectThePane)
     environment.services.openUrl = [](const QString&) { return true; };
     PreferencesHost host(bundle, environment);
     host.start();
+    // Nothing runs, whatever other tests (or the developer) have started for this user.
+    host.pane()->com().setProcessLookup([](const QString&) { return 0; });
     QWidget* window = host.window();
     EXPECT_FALSE(host.isSelected()); // selected once the view has been displayed
     ASSERT_TRUE(waitUntil([&host] { return host.isSelected(); })); // first show
