@@ -12,7 +12,8 @@ void Binder::onDidChange(const QString& key, std::function<void()> refresh)
     refresh();
     // A key path ("publishOptions.readPassword") also follows every key on its way: replacing the
     // whole dictionary changes the value at the end of the path too.
-    for (qsizetype dot = key.indexOf(QLatin1Char('.')); dot >= 0; dot = key.indexOf(QLatin1Char('.'), dot + 1))
+    for (qsizetype dot = key.indexOf(QLatin1Char('.')); dot >= 0;
+         dot = key.indexOf(QLatin1Char('.'), dot + 1))
         followKey(key.left(dot), refresh);
     followKey(key, refresh);
 }

@@ -43,7 +43,8 @@ void CalendarItemModel::reload()
 
 // ---- Nodes ------------------------------------------------------------------------------------
 
-std::unique_ptr<CalendarItemModel::Node> CalendarItemModel::makeNode(const CalendarRef& calendar, Node* parent)
+std::unique_ptr<CalendarItemModel::Node> CalendarItemModel::makeNode(const CalendarRef& calendar,
+                                                                     Node* parent)
 {
     auto node = std::make_unique<Node>();
     node->calendar = calendar;
@@ -276,6 +277,10 @@ QVariant CalendarItemModel::data(const QModelIndex& index, int role) const
         const QString text = column.text ? column.text(*calendar).trimmed() : QString();
         return text.isEmpty() && !column.checkKey.isEmpty() ? QStringLiteral("(null)") : text;
     }
+    case Qt::TextAlignmentRole:
+        // A source's summary sits on the bottom of its row, level with the heading beside it.
+        return QVariant::fromValue(Qt::AlignLeft |
+                                   (calendar->isLeaf() || !m_tree ? Qt::AlignVCenter : Qt::AlignBottom));
     case Qt::CheckStateRole:
         if (column.checkKey.isEmpty() || !calendar->isLeaf())
             return QVariant();
@@ -303,7 +308,8 @@ Qt::ItemFlags CalendarItemModel::flags(const QModelIndex& index) const
     if (!m_selectable || m_selectable(*calendar))
         flags |= Qt::ItemIsSelectable;
     const Column& column = m_columns.at(index.column());
-    if (!column.checkKey.isEmpty() && calendar->isLeaf() && (!column.checkable || column.checkable(*calendar)))
+    if (!column.checkKey.isEmpty() && calendar->isLeaf() &&
+        (!column.checkable || column.checkable(*calendar)))
         flags |= Qt::ItemIsUserCheckable;
     if (!m_tree)
         flags |= Qt::ItemNeverHasChildren;

@@ -33,8 +33,8 @@ QDialog* ComQuorviaNimbrelPref::loadGoogleSettingsSheet()
     auto* sheet = new QDialog(m_window);
     Ui::GoogleSettingsSheet ui;
     ui.setupUi(sheet);
-    for (const auto& [field, key] :
-         {std::pair{ui.googleLoginField, "remoteLogin"}, std::pair{ui.googlePasswordField, "remotePassword"}}) {
+    for (const auto& [field, key] : {std::pair{ui.googleLoginField, "remoteLogin"},
+                                     std::pair{ui.googlePasswordField, "remotePassword"}}) {
         const QString name = QLatin1String(key);
         const QString path = QStringLiteral("googleSettings.") + name;
         m_binder.bindLineEdit(
@@ -45,7 +45,9 @@ QDialog* ComQuorviaNimbrelPref::loadGoogleSettingsSheet()
     m_binder.bindComboData(
         ui.googleIntervalChoice, QStringLiteral("googleSettings.syncInterval"),
         [this] { return m_googleSettingsDict.value(QStringLiteral("syncInterval")); },
-        [this](const QVariant& value) { setValueForKeyPath(QStringLiteral("googleSettings.syncInterval"), value); });
+        [this](const QVariant& value) {
+            setValueForKeyPath(QStringLiteral("googleSettings.syncInterval"), value);
+        });
     m_binder.bindChecked(
         ui.googleSSLCheckbox, QStringLiteral("googleSettings.remoteSSL"),
         [this] { return boolValue(m_googleSettingsDict, QStringLiteral("remoteSSL")); },

@@ -32,8 +32,8 @@ void setSelectionIndex(QAbstractItemView* view, int row)
         view->selectionModel()->clearSelection();
         return;
     }
-    view->selectionModel()->setCurrentIndex(
-        index, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    view->selectionModel()->setCurrentIndex(index,
+                                            QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
 }
 
 QList<int> selectionIndexPath(const QAbstractItemView* view)
@@ -58,7 +58,8 @@ void setSelectionIndexPath(QAbstractItemView* view, const QList<int>& path)
         view->selectionModel()->clearSelection();
         return;
     }
-    view->selectionModel()->setCurrentIndex(at, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    view->selectionModel()->setCurrentIndex(at,
+                                            QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
 }
 
 // ---- Laid-out rows ------------------------------------------------------------------------------
@@ -157,7 +158,8 @@ namespace {
 class RowKeys : public QObject
 {
 public:
-    RowKeys(QAbstractItemView* view, std::function<void()> open, std::function<void(const QModelIndex&)> toggle)
+    RowKeys(QAbstractItemView* view, std::function<void()> open,
+            std::function<void(const QModelIndex&)> toggle)
         : QObject(view), m_view(view), m_open(std::move(open)), m_toggle(std::move(toggle))
     {
     }

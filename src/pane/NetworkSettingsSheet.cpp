@@ -63,13 +63,15 @@ QDialog* ComQuorviaNimbrelPref::loadNetworkSettingsSheet()
         new QRegularExpressionValidator(QRegularExpression(QStringLiteral("[0-9]{0,5}")), m_portField));
     const auto portType = [this] { return m_networkSettingsDict.value(kPortType).toInt(); };
     m_binder.bindChecked(
-        ui.automaticPortButton, QStringLiteral("networkSettings.portType"), [portType] { return portType() == 0; },
+        ui.automaticPortButton, QStringLiteral("networkSettings.portType"),
+        [portType] { return portType() == 0; },
         [this](bool on) {
             if (on)
                 setValueForKeyPath(QStringLiteral("networkSettings.portType"), 0);
         });
     m_binder.bindChecked(
-        ui.fixedPortButton, QStringLiteral("networkSettings.portType"), [portType] { return portType() == 1; },
+        ui.fixedPortButton, QStringLiteral("networkSettings.portType"),
+        [portType] { return portType() == 1; },
         [this](bool on) {
             if (on)
                 setValueForKeyPath(QStringLiteral("networkSettings.portType"), 1);
@@ -96,7 +98,8 @@ QDialog* ComQuorviaNimbrelPref::loadNetworkSettingsSheet()
 void ComQuorviaNimbrelPref::networkSettingsButton(QObject*)
 {
     updateNetworkSettings(m_com->bonjourInfo());
-    beginSheet(m_networkSettingsSheet, m_window, this, [this](int code) { networkSettingsSheetDidEnd(code); });
+    beginSheet(m_networkSettingsSheet, m_window, this,
+               [this](int code) { networkSettingsSheetDidEnd(code); });
 }
 
 void ComQuorviaNimbrelPref::networkSettingsSheetButton(QObject* sender)
@@ -117,8 +120,9 @@ void ComQuorviaNimbrelPref::networkSettingsSheetDidEnd(int returnCode)
                 // Nothing is sent: the sheet comes back with the formatter's error over it.
                 beginSheet(m_networkSettingsSheet, m_window, this,
                            [this](int code) { networkSettingsSheetDidEnd(code); });
-                auto* alert = new QMessageBox(QMessageBox::Warning, localizedString(QStringLiteral("Invalid port")),
-                                              error, QMessageBox::Ok, m_networkSettingsSheet);
+                auto* alert =
+                    new QMessageBox(QMessageBox::Warning, localizedString(QStringLiteral("Invalid port")),
+                                    error, QMessageBox::Ok, m_networkSettingsSheet);
                 alert->setObjectName(QStringLiteral("portError"));
                 alert->setAttribute(Qt::WA_DeleteOnClose);
                 alert->setWindowModality(Qt::WindowModal);

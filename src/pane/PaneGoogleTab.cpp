@@ -32,13 +32,13 @@ QWidget* ComQuorviaNimbrelPref::loadGoogleTab()
     auto* tab = new QWidget;
     Ui::GoogleTab ui;
     ui.setupUi(tab);
-    m_publishGoogleController =
-        new CalendarItemModel(*this, QStringLiteral("publishToGoogle"), [this] { return *publishToGoogle(); },
-                              {checkboxColumn(kPublishedToGoogle)}, false, ui.publishGoogleTableView);
+    m_publishGoogleController = new CalendarItemModel(
+        *this, QStringLiteral("publishToGoogle"), [this] { return *publishToGoogle(); },
+        {checkboxColumn(kPublishedToGoogle)}, false, ui.publishGoogleTableView);
     m_publishGoogleController->setToggle([this](const QModelIndex& row) { publishGoogleCheckbox(row); });
-    m_subscribeGoogleController =
-        new CalendarItemModel(*this, QStringLiteral("subscribeToGoogle"), [this] { return subscribeToGoogle(); },
-                              {checkboxColumn(kSubscribedTo)}, false, ui.subscribeGoogleTableView);
+    m_subscribeGoogleController = new CalendarItemModel(
+        *this, QStringLiteral("subscribeToGoogle"), [this] { return subscribeToGoogle(); },
+        {checkboxColumn(kSubscribedTo)}, false, ui.subscribeGoogleTableView);
     m_subscribeGoogleController->setToggle([this](const QModelIndex& row) { subscribeGoogleCheckbox(row); });
     ui.publishGoogleTableView->setModel(m_publishGoogleController);
     ui.subscribeGoogleTableView->setModel(m_subscribeGoogleController);
@@ -57,8 +57,10 @@ QWidget* ComQuorviaNimbrelPref::loadGoogleTab()
         const QVariant account = googleAccount();
         return account.isValid() ? account.toString() : localizedString(QStringLiteral("No account set up"));
     });
-    m_binder.bindText(ui.googleLastSyncField, QStringLiteral("googleLastSync"),
-                      [this] { return googleLastSync().toString(); });
+    m_binder.bindText(ui.googleLastSyncField, QStringLiteral("googleLastSync"), [this] {
+        const QVariant lastSync = googleLastSync();
+        return lastSync.isValid() ? lastSync.toString() : localizedString(QStringLiteral("Not yet"));
+    });
     m_binder.bindTitle(ui.googleSettingsButton, QStringLiteral("googleAccount"), [this] {
         return localizedString(googleAccount().isValid() ? QStringLiteral("Account Settings...")
                                                          : QStringLiteral("Set Up Account..."));
@@ -122,15 +124,18 @@ void ComQuorviaNimbrelPref::subscribeGoogleCheckbox(const QModelIndex& row)
 void ComQuorviaNimbrelPref::tableViewWillDisplayCell(const ColumnOutlet& column, QStyleOptionViewItem& option,
                                                      int row)
 {
-    const bool publish = column.view == m_publishGoogleColumn.view && column.column == m_publishGoogleColumn.column;
+    const bool publish =
+        column.view == m_publishGoogleColumn.view && column.column == m_publishGoogleColumn.column;
     CalendarItemModel* controller = publish ? m_publishGoogleController : m_subscribeGoogleController;
-    const NimbrelCalendar* calendar = controller ? controller->calendarAt(controller->index(row, 0)) : nullptr;
+    const NimbrelCalendar* calendar =
+        controller ? controller->calendarAt(controller->index(row, 0)) : nullptr;
     if (!calendar)
         return;
     const QVariant title = calendar->title();
     option.text = title.isValid() ? title.toString() : QStringLiteral("(null)");
-    option.checkState =
-        boolValue(calendar->dict(), publish ? kPublishedToGoogle : kSubscribedTo) ? Qt::Checked : Qt::Unchecked;
+    option.checkState = boolValue(calendar->dict(), publish ? kPublishedToGoogle : kSubscribedTo)
+                            ? Qt::Checked
+                            : Qt::Unchecked;
     // Not subscribable: not to be ticked for publishing to Google either.
     option.state.setFlag(QStyle::State_Enabled, boolValue(calendar->dict(), kSubscribable));
 }

@@ -35,9 +35,9 @@ QWidget* ComQuorviaNimbrelPref::loadPublishTab()
         {[](const NimbrelCalendar& row) { return row.title().toString(); }, kPublishedToBonjour,
          [](const NimbrelCalendar& row) { return boolValue(row.dict(), kSubscribable); }},
         {[](const NimbrelCalendar& row) { return row.publishOptions(); }, QString(), {}}};
-    m_publishController =
-        new CalendarItemModel(*this, QStringLiteral("publishCalendars"), [this] { return *publishCalendars(); },
-                              columns, false, m_publishTableView);
+    m_publishController = new CalendarItemModel(
+        *this, QStringLiteral("publishCalendars"), [this] { return *publishCalendars(); }, columns, false,
+        m_publishTableView);
     m_publishController->setHeaders({localizedString(QStringLiteral("Calendar")),
                                      localizedString(QStringLiteral("Who may read and write"))});
     m_publishController->setToggle([this](const QModelIndex& row) { publishCheckbox(row); });
@@ -70,10 +70,11 @@ QWidget* ComQuorviaNimbrelPref::loadPublishTab()
                                  current.siblingAtColumn(0), QItemSelectionModel::NoUpdate);
                      });
     handleRowKeys(m_publishTableView, [this] { publishOptionsButton(m_publishTableView); });
-    QObject::connect(m_publishTableView->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
-        willChangeValueForKey(QStringLiteral("publishOptionsEnabled"));
-        didChangeValueForKey(QStringLiteral("publishOptionsEnabled"));
-    });
+    QObject::connect(m_publishTableView->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+                     [this] {
+                         willChangeValueForKey(QStringLiteral("publishOptionsEnabled"));
+                         didChangeValueForKey(QStringLiteral("publishOptionsEnabled"));
+                     });
 
     m_setButton = ui.setButton;
     m_setIndicator = ui.setIndicator;
@@ -86,11 +87,11 @@ QWidget* ComQuorviaNimbrelPref::loadPublishTab()
     m_binder.bindEnabled(ui.publishOptionsButton, QStringLiteral("publishOptionsEnabled"),
                          [this] { return publishOptionsEnabled(); });
     QLineEdit* nameField = ui.bonjourNameField;
-    QObject::connect(nameField, &QLineEdit::returnPressed, this,
-                     [this, nameField] { control(nameField, nameField, QByteArrayLiteral("insertNewline:")); });
-    QObject::connect(ui.setButton, &QPushButton::clicked, this, [this, button = ui.setButton] {
-        setBonjourNameButton(button);
+    QObject::connect(nameField, &QLineEdit::returnPressed, this, [this, nameField] {
+        control(nameField, nameField, QByteArrayLiteral("insertNewline:"));
     });
+    QObject::connect(ui.setButton, &QPushButton::clicked, this,
+                     [this, button = ui.setButton] { setBonjourNameButton(button); });
     QObject::connect(ui.publishOptionsButton, &QPushButton::clicked, this,
                      [this, button = ui.publishOptionsButton] { publishOptionsButton(button); });
     QObject::connect(ui.networkSettingsButton, &QPushButton::clicked, this,
@@ -129,14 +130,16 @@ QString ComQuorviaNimbrelPref::publishOptionsWriteAccessSummary() const
 bool ComQuorviaNimbrelPref::publishOptionsEnabled() const
 {
     const NimbrelCalendar* calendar =
-        m_publishController ? m_publishController->calendarAt(firstSelectedIndex(m_publishTableView)) : nullptr;
+        m_publishController ? m_publishController->calendarAt(firstSelectedIndex(m_publishTableView))
+                            : nullptr;
     return calendar && boolValue(calendar->dict(), kSubscribable);
 }
 
 void ComQuorviaNimbrelPref::publishOptionsButton(QObject*)
 {
     const NimbrelCalendar* calendar =
-        m_publishController ? m_publishController->calendarAt(firstSelectedIndex(m_publishTableView)) : nullptr;
+        m_publishController ? m_publishController->calendarAt(firstSelectedIndex(m_publishTableView))
+                            : nullptr;
     if (calendar && boolValue(calendar->dict(), kSubscribable))
         publishingCalendar(calendar->dict());
 }

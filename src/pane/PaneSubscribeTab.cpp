@@ -36,9 +36,9 @@ QWidget* ComQuorviaNimbrelPref::loadSubscribeTab()
         {[](const NimbrelCalendar& row) { return row.title().toString(); }, kSubscribedTo,
          [](const NimbrelCalendar& row) { return boolValue(row.dict(), kSubscribable); }},
         {[](const NimbrelCalendar& row) { return row.subscribeOptions(); }, QString(), {}}};
-    m_subscribeController = new CalendarItemModel(*this, QStringLiteral("subscribeCalendars"),
-                                                  [this] { return *subscribeCalendars(); }, columns, true,
-                                                  m_subscribeOutlineView);
+    m_subscribeController = new CalendarItemModel(
+        *this, QStringLiteral("subscribeCalendars"), [this] { return *subscribeCalendars(); }, columns, true,
+        m_subscribeOutlineView);
     m_subscribeController->setSelectable(
         [this](const NimbrelCalendar& node) { return outlineViewShouldSelectItem(node); });
     m_subscribeController->setToggle([this](const QModelIndex& row) { subscribeCheckbox(row); });
@@ -97,10 +97,12 @@ QString ComQuorviaNimbrelPref::subscribeOptionsAccessSummary()
     if (boolValue(options, kReadProtected))
         text = "Enter a read password or a read & write password to access this calendar.";
     else if (boolValue(options, QStringLiteral("readableByAnyone")) && boolValue(options, kReadOnly))
-        text = "This calendar allows read access without a password.  If you want to modify it, enter a read & "
-               "write password.";
+        text =
+            "This calendar allows read access without a password.  If you want to modify it, enter a read & "
+            "write password.";
     else if (boolValue(options, kReadOnly))
-        text = "You have read access to this calendar.  If you want to modify it, enter a read & write password.";
+        text = "You have read access to this calendar.  If you want to modify it, enter a read & write "
+               "password.";
     else if (boolValue(options, QStringLiteral("writableByAnyone")))
         text = "This calendar allows read & write access without a password.";
     return localizedString(QString::fromUtf8(text));
@@ -125,8 +127,8 @@ QString ComQuorviaNimbrelPref::addServerButtonName() const
 
 // ---- The outline's delegate ----------------------------------------------------------------------
 
-void ComQuorviaNimbrelPref::outlineViewWillDisplayCell(QStyledItemDelegate* cell, QStyleOptionViewItem& option,
-                                                       const QModelIndex& item)
+void ComQuorviaNimbrelPref::outlineViewWillDisplayCell(QStyledItemDelegate* cell,
+                                                       QStyleOptionViewItem& option, const QModelIndex& item)
 {
     const NimbrelCalendar* node = m_subscribeController ? m_subscribeController->calendarAt(item) : nullptr;
     if (!node || item.column() != 0)

@@ -19,9 +19,8 @@ QDialog* ComQuorviaNimbrelPref::loadPublishOptionsSheet()
     QFont heading = ui.publishOptionsTitle->font();
     heading.setBold(true);
     ui.publishOptionsTitle->setFont(heading);
-    m_binder.bindText(ui.publishOptionsTitle, QStringLiteral("publishOptions.title"), [this] {
-        return m_publishOptionsDict.value(QStringLiteral("title")).toString();
-    });
+    m_binder.bindText(ui.publishOptionsTitle, QStringLiteral("publishOptions.title"),
+                      [this] { return m_publishOptionsDict.value(QStringLiteral("title")).toString(); });
     for (const auto& [field, key] : {std::pair{ui.readPasswordField, "readPassword"},
                                      std::pair{ui.writePasswordField, "writePassword"}}) {
         const QString path = QStringLiteral("publishOptions.") + QLatin1String(key);
@@ -61,12 +60,14 @@ void ComQuorviaNimbrelPref::publishOptionsSheetDidEnd(int returnCode)
         m_publishOptionsSheet->hide();
 }
 
-void ComQuorviaNimbrelPref::connectSheetButtons(QDialog* sheet, void (ComQuorviaNimbrelPref::*action)(QObject*))
+void ComQuorviaNimbrelPref::connectSheetButtons(QDialog* sheet,
+                                                void (ComQuorviaNimbrelPref::*action)(QObject*))
 {
     // Every button with a tag ends the sheet with it; others (help) are connected where they are made.
     for (QPushButton* button : sheet->findChildren<QPushButton*>()) {
         if (button->property("tag").isValid() && !button->objectName().endsWith(QLatin1String("HelpButton")))
-            QObject::connect(button, &QPushButton::clicked, this, [this, action, button] { (this->*action)(button); });
+            QObject::connect(button, &QPushButton::clicked, this,
+                             [this, action, button] { (this->*action)(button); });
     }
 }
 

@@ -37,7 +37,8 @@ QDialog* ComQuorviaNimbrelPref::loadServerSettingsSheet()
     ui.setupUi(sheet);
     for (const auto& [field, key] :
          {std::pair{ui.serverTitleField, "title"}, std::pair{ui.serverURLField, "remoteURL"},
-          std::pair{ui.serverLoginField, "remoteLogin"}, std::pair{ui.serverPasswordField, "remotePassword"}}) {
+          std::pair{ui.serverLoginField, "remoteLogin"},
+          std::pair{ui.serverPasswordField, "remotePassword"}}) {
         const QString name = QLatin1String(key);
         const QString path = QStringLiteral("serverSettings.") + name;
         m_binder.bindLineEdit(
@@ -48,19 +49,23 @@ QDialog* ComQuorviaNimbrelPref::loadServerSettingsSheet()
     m_binder.bindComboData(
         ui.serverIntervalChoice, QStringLiteral("serverSettings.syncInterval"),
         [this] { return m_serverSettingsDict.value(QStringLiteral("syncInterval")); },
-        [this](const QVariant& value) { setValueForKeyPath(QStringLiteral("serverSettings.syncInterval"), value); });
+        [this](const QVariant& value) {
+            setValueForKeyPath(QStringLiteral("serverSettings.syncInterval"), value);
+        });
     m_binder.bindChecked(
         ui.serverSSLCheckbox, QStringLiteral("serverSettings.remoteSSL"),
         [this] { return boolValue(m_serverSettingsDict, QStringLiteral("remoteSSL")); },
         [this](bool on) { setValueForKeyPath(QStringLiteral("serverSettings.remoteSSL"), on); });
 
     // A server needs an address it can be reached at; an existing one can be disconnected.
-    const auto address = [this] { return m_serverSettingsDict.value(QStringLiteral("remoteURL")).toString(); };
+    const auto address = [this] {
+        return m_serverSettingsDict.value(QStringLiteral("remoteURL")).toString();
+    };
     m_binder.bindEnabled(ui.serverSettingsOKButton, QStringLiteral("serverSettings.remoteURL"),
                          [address] { return isServerAddress(address()); });
-    m_binder.bindProperty(ui.serverURLError, "visible", QStringLiteral("serverSettings.remoteURL"), [address] {
-        return !address().trimmed().isEmpty() && !isServerAddress(address());
-    });
+    m_binder.bindProperty(
+        ui.serverURLError, "visible", QStringLiteral("serverSettings.remoteURL"),
+        [address] { return !address().trimmed().isEmpty() && !isServerAddress(address()); });
     const auto existing = [this] { return m_serverSettingsDict.contains(QStringLiteral("uid")); };
     m_binder.bindProperty(ui.serverDisconnectButton, "visible", QStringLiteral("serverSettings"), existing);
     m_binder.bindProperty(sheet, "windowTitle", QStringLiteral("serverSettings"), [existing] {
@@ -106,13 +111,14 @@ void ComQuorviaNimbrelPref::serverSettingsSheetDidEnd(int returnCode)
             !m_serverSettingsDict.contains(QStringLiteral("bonjourURL"))) {
             if (m_serverSettingsSheet)
                 m_serverSettingsSheet->hide();
-            beginAlertSheet(m_window, this,
-                            {localizedString(QStringLiteral("DisconnectAlertTitle")),
-                             localizedString(QStringLiteral("DisconnectAlertDefaultButton")),
-                             localizedString(QStringLiteral("DisconnectAlertAlternateButton")),
-                             localizedFormat(QStringLiteral("DisconnectAlertMsg"),
-                                             {m_serverSettingsDict.value(QStringLiteral("title")).toString()})},
-                            [this](int code) { disconnectButtonEnd(code); });
+            beginAlertSheet(
+                m_window, this,
+                {localizedString(QStringLiteral("DisconnectAlertTitle")),
+                 localizedString(QStringLiteral("DisconnectAlertDefaultButton")),
+                 localizedString(QStringLiteral("DisconnectAlertAlternateButton")),
+                 localizedFormat(QStringLiteral("DisconnectAlertMsg"),
+                                 {m_serverSettingsDict.value(QStringLiteral("title")).toString()})},
+                [this](int code) { disconnectButtonEnd(code); });
         } else {
             doDisconnect();
         }

@@ -63,9 +63,9 @@ QMessageBox* beginAlertSheet(QWidget* window, QObject* context, const AlertTexts
         alert, &QDialog::finished, context ? context : alert,
         [alert, defaultButton, alternateButton, didEnd](int) {
             const QAbstractButton* clicked = alert->clickedButton();
-            const int code = clicked == defaultButton                      ? kAlertDefaultReturn
+            const int code = clicked == defaultButton                ? kAlertDefaultReturn
                              : clicked && clicked == alternateButton ? kAlertAlternateReturn
-                                                                           : kAlertOtherReturn;
+                                                                     : kAlertOtherReturn;
             if (didEnd)
                 didEnd(code);
         },

@@ -17,9 +17,8 @@ QDialog* ComQuorviaNimbrelPref::loadSubscribeOptionsSheet()
     QFont heading = ui.subscribeOptionsTitle->font();
     heading.setBold(true);
     ui.subscribeOptionsTitle->setFont(heading);
-    m_binder.bindText(ui.subscribeOptionsTitle, QStringLiteral("subscribeOptions.title"), [this] {
-        return m_subscribeOptionsDict.value(QStringLiteral("title")).toString();
-    });
+    m_binder.bindText(ui.subscribeOptionsTitle, QStringLiteral("subscribeOptions.title"),
+                      [this] { return m_subscribeOptionsDict.value(QStringLiteral("title")).toString(); });
     m_binder.bindLineEdit(
         ui.subscribePasswordField, QStringLiteral("subscribeOptions.subscribePassword"),
         [this] { return m_subscribeOptionsDict.value(QStringLiteral("subscribePassword")).toString(); },
@@ -47,7 +46,8 @@ void ComQuorviaNimbrelPref::subscribeToCalendar(const QVariantMap& calendar)
     willChangeValueForKey(QStringLiteral("subscribeOptions"));
     m_subscribeOptionsDict = calendar;
     didChangeValueForKey(QStringLiteral("subscribeOptions"));
-    beginSheet(m_subscribeOptionsSheet, m_window, this, [this](int code) { subscribeOptionsSheetDidEnd(code); });
+    beginSheet(m_subscribeOptionsSheet, m_window, this,
+               [this](int code) { subscribeOptionsSheetDidEnd(code); });
 }
 
 void ComQuorviaNimbrelPref::subscribeOptionsSheetButton(QObject* sender)
