@@ -31,10 +31,12 @@ class GoogleTest : public PaneTest
 protected:
     void connect(const QVariantList& accounts)
     {
-        connectWithLists(
-            {{s("sourceListOfGoogleCalendars"), accounts},
-             {s("calendarsPublishableToGoogle"),
-              {QVariantMap{{s("uid"), s("w")}, {s("title"), s("Work")}, {s("subscribable"), true}}}}});
+        connectWithLists({{s("sourceListOfGoogleCalendars"), accounts},
+                          {s("calendarsPublishableToGoogle"),
+                           {QVariantMap{{s("uid"), s("w")},
+                                        {s("title"), s("Work")},
+                                        {s("subscribable"), true},
+                                        {s("publishedToGoogle"), true}}}}});
     }
     QDialog* sheet() { return find<QDialog>("GoogleSettingsSheet"); }
     // What a table's cell shows for its first row: title, ticked, enabled.
@@ -78,7 +80,7 @@ TEST_F(GoogleTest, TheSheetEditsItsOwnDateRangeAndSyncNowSendsTheRecord)
     // Both tables: "(null)" for a missing title, ticked by their key, enabled by "subscribable".
     EXPECT_EQ(cell({find<QTableView>("subscribeGoogleTableView"), 0}),
               std::make_tuple(s("(null)"), false, false));
-    EXPECT_EQ(cell({find<QTableView>("publishGoogleTableView"), 0}), std::make_tuple(s("Work"), false, true));
+    EXPECT_EQ(cell({find<QTableView>("publishGoogleTableView"), 0}), std::make_tuple(s("Work"), true, true));
 
     const QVariantMap record = pane->com().sourceListOfGoogleCalendars()->first()->dict();
     click("googleSettingsButton");
