@@ -1,13 +1,16 @@
 #include "BackgroundApp.h"
+#include "Publishing.h"
 
 #include "NimbrelState.h"
+#include "SharedSettings.h"
 #include "UpdateCheck.h"
-#include "link/AppProtocolProxy.h"
-#include "protocol/NotificationBus.h"
 #include "logging/Log.h"
 #include "platform/Bundle.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
+#include "protocol/AppProtocol.h"
+#include "protocol/NotificationBus.h"
+#include "protocol/Notifications.h"
 
 #include <QDBusMessage>
 #include <QDir>
@@ -35,8 +38,8 @@ const QString kLogName = QStringLiteral("Nimbrel");
 constexpr long kLogKeepCount = 5;
 constexpr int kLogFlushIntervalMs = 5000;
 constexpr int kBusFlushTimeoutMs = 2000;
-const QString kRunning = QStringLiteral("Nimbrel Running");
-const QString kStopped = QStringLiteral("Nimbrel Stopped");
+const QString kRunning = notification::running;
+const QString kStopped = notification::stopped;
 
 void printError(const QString& message)
 {
@@ -120,6 +123,7 @@ BackgroundOptions BackgroundOptions::defaults(const QString& appBundlePath)
     BackgroundOptions options;
     options.appBundlePath = appBundlePath;
     options.settingsPath = SettingsStore::domainPath(QStringLiteral("com.quorvia.Nimbrel"));
+    options.dataFolder = background::supportFolder();
     options.databasePath = background::databasePath();
     options.calendarsFolder = background::calendarsFolder();
     options.backupFolder = background::backupFolder();
@@ -194,10 +198,16 @@ int BackgroundApp::start()
         teardown();
         return ExitFailure;
     }
+    // Another session of the same user (another bus) must not share the log or the database either.
+    if (!lockDataFolder()) {
+        teardown();
+        return ExitAlreadyRunning;
+    }
 
     if (m_options.keepLog)
         openLog();
     Log(10, "Nimbrel %@ starting (pid %d)", m_version, static_cast<long long>(::getpid()));
+    noteCorruptSettings(*m_shared);
     if (!m_state->open()) {
         Log(13, "Nimbrel cannot start: no usable database: %@", m_state->lastError());
         teardown();
@@ -213,7 +223,14 @@ int BackgroundApp::start()
             &UpdateScheduler::reschedule);
     connect(m_service.get(), &BackgroundService::shutdownRequested, this,
             [this] { stop(QStringLiteral("shutdown requested")); });
+    m_options.connection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
+                                 QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"),
+                                 this, SLOT(busDisconnected()));
     m_updates->reschedule();
+    // Serving the published calendars does not wait for Avahi; the announcement follows by itself.
+    m_publishing = std::make_unique<Publishing>(*m_state, QFileInfo(m_options.databasePath).absolutePath(),
+                                                [this](const QString& name) { post(name); });
+    m_publishing->start();
 
     m_serving = true;
     post(kRunning);
@@ -228,10 +245,14 @@ void BackgroundApp::stop(const QString& reason)
     m_serving = false;
     Log(10, "Nimbrel stopping (%@)", reason);
     m_updates->stop();
+    m_publishing.reset(); // the announcement withdrawn (the goodbye), the server closed
     m_state->close(); // everything on disk before anybody hears "Stopped"
     m_service->unserve();
-    post(kStopped);
-    flushBus();
+    if (m_options.connection.isConnected()) {
+        post(kStopped);
+        flushBus();
+    }
+    m_lock.reset();
     Log(10, "Nimbrel stopped");
     if (m_logOpen)
         closeLog();
@@ -266,6 +287,38 @@ int BackgroundApp::runUpdateCheck(const BackgroundOptions& options)
         std::fflush(stderr);
     }
     return ExitOk;
+}
+
+void BackgroundApp::busDisconnected()
+{
+    Log(13, "Nimbrel: the session bus went away; nothing can reach this instance any more");
+    stop(QStringLiteral("the session bus went away"));
+}
+
+bool BackgroundApp::lockDataFolder()
+{
+    QDir().mkpath(m_options.dataFolder);
+    m_lock = std::make_unique<QLockFile>(m_options.dataFolder + QStringLiteral("/Nimbrel.lock"));
+    m_lock->setStaleLockTime(0); // held for as long as we run; a crashed holder's lock is still taken over
+    if (m_lock->tryLock(0))
+        return true;
+    qint64 pid = 0;
+    QString host;
+    QString application;
+    if (m_lock->error() == QLockFile::LockFailedError && m_lock->getLockInfo(&pid, &host, &application))
+        printError(
+            QStringLiteral("Nimbrel is already running on this data folder: %1 is in use by process %2 on "
+                           "%3 (another session of this user).")
+                .arg(m_options.dataFolder)
+                .arg(pid)
+                .arg(host));
+    else
+        printError(QStringLiteral("Nimbrel: cannot lock the data folder %1 (%2).")
+                       .arg(m_options.dataFolder, m_lock->error() == QLockFile::PermissionError
+                                                      ? QStringLiteral("no permission")
+                                                      : QStringLiteral("held by another instance")));
+    m_lock.reset();
+    return false;
 }
 
 void BackgroundApp::post(const QString& name)
@@ -314,11 +367,13 @@ void BackgroundApp::closeLog()
 
 void BackgroundApp::teardown()
 {
+    m_publishing.reset();
     m_updates.reset();
     if (m_state && m_state->isOpen())
         m_state->close();
     m_service.reset();
     m_state.reset();
+    m_lock.reset();
     m_signals.reset();
     if (m_logOpen)
         closeLog();

@@ -1,9 +1,10 @@
 #pragma once
 
-// The background application's life: takes the bus name (a second instance stops there), keeps its log
-// the way every log host does, opens the state, serves the protocol, runs the update checks, posts
-// "Nimbrel Running" once it serves, and on `shutdown`, SIGTERM or SIGINT closes the state, gives the name
-// up and posts "Nimbrel Stopped".
+// The background application's life: takes the bus name (a second instance on the bus stops there),
+// locks the data folder (a second instance of another session on the same folder stops there), keeps
+// its log the way every log host does, opens the state, serves the protocol, runs the update checks,
+// posts "Nimbrel Running" once it serves, and on `shutdown`, SIGTERM or SIGINT closes the state, gives
+// the name up and posts "Nimbrel Stopped". When the session bus goes away it closes the state and ends.
 //
 // Log: ~/.local/state/Nimbrel/Nimbrel.log (five old logs kept) and Nimbrel.filteredlog (level 10 and
 // up), flushed every 5 s. The level is 2 unless the shared settings hold a number under "logLevel".
@@ -11,6 +12,7 @@
 #include "BackgroundService.h"
 
 #include <QDBusConnection>
+#include <QLockFile>
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -32,6 +34,7 @@ struct BackgroundOptions
     QDBusConnection connection = QDBusConnection::sessionBus();
     QString appBundlePath; // Nimbrel.app: Info.plist and Resources/UserDefaults.plist
     QString settingsPath;  // the shared settings domain
+    QString dataFolder;    // holds the lock file Nimbrel.lock
     QString databasePath;
     QString calendarsFolder;
     QString backupFolder;
@@ -52,7 +55,7 @@ public:
     enum ExitCode
     {
         ExitOk = 0,
-        ExitAlreadyRunning = 1, // the bus name is owned by another instance
+        ExitAlreadyRunning = 1, // the bus name is owned, or the data folder locked, by another instance
         ExitFailure = 2,        // no session bus, the bus refused us, or no usable database
     };
 
@@ -77,7 +80,11 @@ public:
 signals:
     void finished(int exitCode);
 
+private slots:
+    void busDisconnected();
+
 private:
+    bool lockDataFolder();
     struct SignalPipe;
 
     void post(const QString& name);
@@ -93,7 +100,9 @@ private:
     std::unique_ptr<NimbrelState> m_state;
     std::unique_ptr<BackgroundService> m_service;
     std::unique_ptr<UpdateScheduler> m_updates;
+    std::unique_ptr<class Publishing> m_publishing;
     std::unique_ptr<SignalPipe> m_signals;
+    std::unique_ptr<QLockFile> m_lock;
     QTimer m_flushTimer;
     bool m_serving = false;
     bool m_logOpen = false;

@@ -2,10 +2,10 @@
 
 #include "AppProtocolAdaptor.h"
 #include "NimbrelState.h"
-#include "link/AppProtocolProxy.h"
-#include "protocol/WireCodec.h"
 #include "logging/Log.h"
 #include "platform/SettingsStore.h"
+#include "protocol/AppProtocol.h"
+#include "protocol/WireCodec.h"
 
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
@@ -22,9 +22,9 @@ QVariantMap plist(const QVariantMap& incoming)
     return wire::fromWire(QVariant(incoming)).toMap();
 }
 
-QVariantList wireList(const QVariantList& list)
+QByteArray wireList(const QVariantList& list)
 {
-    return wire::toWire(QVariant(list)).toList();
+    return wire::encodeList(list);
 }
 
 bool isSecretKey(const QString& key)
@@ -136,22 +136,22 @@ int BackgroundService::version()
     return kAppProtocolVersion;
 }
 
-QVariantList BackgroundService::calendarsPublishableViaBonjour()
+QByteArray BackgroundService::calendarsPublishableViaBonjour()
 {
     return wireList(m_state.calendarsPublishableViaBonjour());
 }
 
-QVariantList BackgroundService::sourceListOfBonjourCalendars()
+QByteArray BackgroundService::sourceListOfBonjourCalendars()
 {
     return wireList(m_state.sourceListOfBonjourCalendars());
 }
 
-QVariantList BackgroundService::calendarsPublishableToGoogle()
+QByteArray BackgroundService::calendarsPublishableToGoogle()
 {
     return wireList(m_state.calendarsPublishableToGoogle());
 }
 
-QVariantList BackgroundService::sourceListOfGoogleCalendars()
+QByteArray BackgroundService::sourceListOfGoogleCalendars()
 {
     return wireList(m_state.sourceListOfGoogleCalendars());
 }

@@ -59,10 +59,10 @@ signals:
     // ---- D-Bus handlers (called by the adaptor; not for direct use) --------------------------------
 public slots:
     int version();
-    QVariantList calendarsPublishableViaBonjour();
-    QVariantList sourceListOfBonjourCalendars();
-    QVariantList calendarsPublishableToGoogle();
-    QVariantList sourceListOfGoogleCalendars();
+    QByteArray calendarsPublishableViaBonjour();
+    QByteArray sourceListOfBonjourCalendars();
+    QByteArray calendarsPublishableToGoogle();
+    QByteArray sourceListOfGoogleCalendars();
     QVariantMap bonjourPublisherInfo();
     bool googleSyncInProgress();
     void techSupportInfo();

@@ -1,14 +1,14 @@
 #pragma once
 
-// Everything the background application knows and keeps: the local calendars (vdir folders of .ics
-// files), what is published where and with which passwords, the subscriptions and their options, the
-// remote servers, the Google account settings, the Bonjour publisher name and port, and the sync
-// history. Persistent state lives in the SQLite database Nimbrel.nsql; the calendars themselves stay in
-// their folders. Each answer is a property-list value in the shape the control panel reads (calendar
-// dictionaries with "uid", "title", "order", "publishedToBonjour", …; sources with "source" true and
-// "calendars").
+// What the control panel asks of the background application and what it changes, over the parts that
+// keep it: the local calendars (calendars/), the per-calendar publishing settings, the sources and
+// subscriptions, the publisher settings and the sync history (state/, in Nimbrel.nsql). Each answer is
+// a property-list value in the shape the panel reads (calendar dictionaries with "uid", "title",
+// "order", "publishedToBonjour", …; sources with "source" true and "calendars").
 //
 // Every change is written to disk before its notification is posted through the poster.
+
+#include "state/DataFolder.h"
 
 #include <QObject>
 #include <QString>
@@ -18,17 +18,11 @@
 #include <functional>
 #include <memory>
 
+namespace nimbrel::publish {
+class PublishedStore;
+}
+
 namespace nimbrel::background {
-
-// $XDG_DATA_HOME/Nimbrel (default ~/.local/share/Nimbrel) and the things inside it.
-QString supportFolder();
-QString databasePath();    // supportFolder()/Nimbrel.nsql
-QString backupFolder();    // supportFolder()/Backup
-QString calendarsFolder(); // supportFolder()/Calendars
-
-// Empties the sync history of the database at `path` (what the reset tool does). False, with a
-// message in *error, when the database cannot be opened or written.
-bool clearSyncHistory(const QString& path, QString* error);
 
 class NimbrelState : public QObject
 {
@@ -78,6 +72,17 @@ public:
     // may write it; resume reopens it and posts "Nimbrel Calendars Changed".
     void pauseForSyncHistoryReset();
     bool resumeAfterSyncHistoryReset();
+
+    // ---- Publishing on the network ---------------------------------------------------------
+    // The published calendars for the CalDAV server (the object lives as long as this state).
+    publish::PublishedStore* publishedStore() const;
+    // "bonjourName" and "portNumber" as the user set them (bonjourPublisherInfo answers the name
+    // really published instead, once there is one).
+    QVariantMap storedPublisherInfo() const;
+    // The publisher's hook: called after a change of name or port was stored; the publisher posts
+    // "Nimbrel Bonjour Name Published" when Avahi answers. Without a hook it is posted at once.
+    void setPublisherInfoChanged(std::function<void()> changed);
+    void setPublishedName(const QString& name);
 
     // Lines for the support log: counts, settings without passwords, schema version, paths.
     QStringList diagnostics() const;

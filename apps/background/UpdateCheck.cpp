@@ -1,8 +1,10 @@
 #include "UpdateCheck.h"
 
+#include "SharedSettings.h"
 #include "logging/Log.h"
 #include "platform/RunLoop.h"
 #include "platform/SettingsStore.h"
+#include "protocol/Notifications.h"
 
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
@@ -20,7 +22,9 @@ namespace {
 
 const QString kIntervalKey = QStringLiteral("checkForUpdateInterval");
 const QString kLastCheckKey = QStringLiteral("SULastCheckTime");
-const QString kCheckedUpdate = QStringLiteral("Nimbrel Bonjour Checked Update");
+const QString kAttemptKey = QStringLiteral("NimbrelUpdateCheckAttempt");
+const QString kErrorKey = QStringLiteral("NimbrelUpdateCheckError");
+const QString kFirstStartKey = QStringLiteral("NimbrelFirstStart");
 const QByteArray kScheduledCheck = QByteArrayLiteral("scheduledCheck");
 
 bool isNumber(const QVariant& value)
@@ -132,20 +136,27 @@ int compareVersions(const QString& a, const QString& b)
     return QString::compare(suffixA, suffixB, Qt::CaseInsensitive) < 0 ? -1 : 1;
 }
 
-std::optional<double> secondsUntilNextCheck(double interval, const std::optional<QDateTime>& lastCheck,
-                                            const QDateTime& now, bool lastAttemptFailed)
+std::optional<double> secondsUntilNextCheck(double interval, const CheckHistory& history,
+                                            const QDateTime& now)
 {
     if (!std::isfinite(interval) || interval >= kAutoCheckOffInterval)
         return std::nullopt;
     const double effective = std::max(interval, kMinimumCheckInterval);
+    const auto secondsSince = [&now](const std::optional<QDateTime>& date) {
+        return date && date->isValid() ? std::optional<double>(double(date->msecsTo(now)) / 1000.0)
+                                       : std::nullopt;
+    };
+    const std::optional<double> sinceCheck = secondsSince(history.lastCheck);
+    const std::optional<double> sinceAttempt = secondsSince(history.lastAttempt);
     double delay = 0;
-    if (lastCheck && lastCheck->isValid()) {
-        // A last check "in the future" (the clock was set back) waits one interval, not longer.
-        delay = std::min(effective - double(lastCheck->msecsTo(now)) / 1000.0, effective);
-    }
-    if (delay <= 0)
-        delay = lastAttemptFailed ? kRetryAfterFailure : 0;
-    return delay;
+    if (sinceCheck)
+        delay = effective - *sinceCheck;
+    else if (const std::optional<double> sinceStart = secondsSince(history.firstStart))
+        delay = effective - *sinceStart;
+    // An attempt after the last good check failed: not again before the retry time.
+    if (sinceAttempt && (!sinceCheck || *sinceAttempt < *sinceCheck))
+        delay = std::max(delay, kRetryAfterFailure - *sinceAttempt);
+    return std::clamp(delay, 0.0, std::max(effective, kRetryAfterFailure));
 }
 
 double updateCheckInterval(const SettingsStore& shared, const QVariantMap& userDefaults)
@@ -265,9 +276,16 @@ void UpdateScheduler::reschedule()
     loop.cancelPreviousPerformRequests(this, kScheduledCheck);
     m_scheduling = true;
     m_shared.sync(); // the panel may just have changed the interval
+    noteCorruptSettings(m_shared);
+    const CheckHistory history{m_shared.dateValue(kLastCheckKey), m_shared.dateValue(kAttemptKey),
+                               m_shared.dateValue(kFirstStartKey)};
+    if (!history.lastCheck && !history.lastAttempt && !history.firstStart &&
+        !m_shared.setValue(kFirstStartKey, m_clock().toUTC()))
+        Log(13, "checkForUpdate: %@ could not be written to %@", kFirstStartKey, m_shared.path());
     const double interval = updateCheckInterval(m_shared, m_userDefaults);
-    const std::optional<double> delay =
-        secondsUntilNextCheck(interval, m_shared.dateValue(kLastCheckKey), m_clock(), m_lastAttemptFailed);
+    const std::optional<double> delay = secondsUntilNextCheck(
+        interval, {history.lastCheck, history.lastAttempt, history.firstStart.value_or(m_clock().toUTC())},
+        m_clock());
     if (!delay) {
         Log(5, "Automatic update checks are off");
         return;
@@ -301,11 +319,16 @@ void UpdateScheduler::checkFinished(const UpdateCheckResult& result)
         m_check->deleteLater();
     m_check = nullptr;
     const bool requested = std::exchange(m_requestPending, false);
-    m_lastAttemptFailed = !result.feedRead;
-    if (result.feedRead && !m_shared.setValue(kLastCheckKey, m_clock().toUTC()))
-        Log(13, "checkForUpdate: %@ could not be written to %@", kLastCheckKey, m_shared.path());
+    // Every attempt is recorded, so that a failing feed is not tried again on every start.
+    const QDateTime now = m_clock().toUTC();
+    const bool recorded =
+        m_shared.setValue(kAttemptKey, now) &&
+        (result.feedRead ? m_shared.setValue(kLastCheckKey, now) && m_shared.remove(kErrorKey)
+                         : m_shared.setValue(kErrorKey, result.error));
+    if (!recorded)
+        Log(13, "checkForUpdate: the outcome could not be written to %@", m_shared.path());
     if ((requested || result.feedRead) && m_post)
-        m_post(kCheckedUpdate);
+        m_post(QString(notification::checkedUpdate));
     emit checked(result);
     if (m_scheduling)
         reschedule();

@@ -6,8 +6,10 @@
 // only reports (the log says "update available: X" or "up to date"), it installs nothing.
 //
 // Settings: "checkForUpdateInterval" (seconds) from the shared settings, else from the app bundle's
-// UserDefaults.plist, else one day; 1e9 or more turns the automatic check off. "SULastCheckTime" (a UTC
-// date) is written into the shared settings after every check that read the feed.
+// UserDefaults.plist, else one day; 1e9 or more turns the automatic check off. Written into the shared
+// settings: "SULastCheckTime" (a UTC date) after every check that read the feed; "NimbrelUpdateCheckAttempt"
+// after every check, and "NimbrelUpdateCheckError" (why it failed; removed by a check that succeeds);
+// "NimbrelFirstStart" once, so that the first automatic check comes one interval after the first start.
 // The environment variable NIMBREL_UPDATE_FEED overrides the feed URL of UserDefaults.plist "SUFeedURL".
 
 #include <QDateTime>
@@ -47,10 +49,20 @@ std::optional<QString> newestFeedVersion(const QByteArray& xml, QString* error =
 // pre-release ("1.2" > "1.2b3"). <0, 0 or >0.
 int compareVersions(const QString& a, const QString& b);
 
-// Seconds from `now` until the next automatic check, or nullopt when checking is off. Never negative
-// (an overdue check runs at once); after a failed attempt an overdue check waits kRetryAfterFailure.
-std::optional<double> secondsUntilNextCheck(double interval, const std::optional<QDateTime>& lastCheck,
-                                            const QDateTime& now, bool lastAttemptFailed = false);
+// What the shared settings say of earlier checks.
+struct CheckHistory
+{
+    std::optional<QDateTime> lastCheck;   // the last check that read the feed
+    std::optional<QDateTime> lastAttempt; // the last check, whatever came of it
+    std::optional<QDateTime> firstStart;
+};
+
+// Seconds from `now` until the next automatic check, or nullopt when checking is off: one interval
+// after the last check (or after the first start when there was none); after a failed attempt not
+// before kRetryAfterFailure has passed. Never negative (an overdue check runs at once) and never more
+// than one interval (a date in the future, the clock set back).
+std::optional<double> secondsUntilNextCheck(double interval, const CheckHistory& history,
+                                            const QDateTime& now);
 
 // "checkForUpdateInterval" from the shared settings, else the defaults, else kDefaultCheckInterval.
 double updateCheckInterval(const SettingsStore& shared, const QVariantMap& userDefaults);
@@ -135,7 +147,6 @@ private:
     Clock m_clock;
     QPointer<UpdateCheck> m_check;
     bool m_requestPending = false;
-    bool m_lastAttemptFailed = false;
     bool m_scheduling = false;
 };
 

@@ -1,7 +1,8 @@
 // nimbrel-resetsync: clears the sync history of the background application's database, so that the
 // next sync starts from scratch. The background application closes the database while this runs.
 
-#include "NimbrelState.h"
+#include "state/DataFolder.h"
+#include "state/SyncHistory.h"
 
 #include <QCoreApplication>
 #include <QStringList>

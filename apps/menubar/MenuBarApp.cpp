@@ -2,13 +2,14 @@
 
 #include "MenuBarIcons.h"
 #include "MenuBarMenu.h"
-#include "link/NimbrelCom.h"
+#include "logging/Log.h"
 #include "platform/Bundle.h"
 
 #include <QCursor>
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTimer>
 #include <cstdio>
@@ -28,41 +29,49 @@ QString paneBundlePathForExecutable(const QString& executablePath)
 
 QString preferencesProgramPath(const QString& paneBundlePath)
 {
-    return QDir::cleanPath(paneBundlePath + QStringLiteral("/../../../bin/nimbrel-preferences"));
+    const QString beside =
+        QDir::cleanPath(paneBundlePath + QStringLiteral("/../../../bin/nimbrel-preferences"));
+    if (QFileInfo(beside).isExecutable())
+        return beside;
+    const QString onPath = QStandardPaths::findExecutable(QStringLiteral("nimbrel-preferences"));
+    return onPath.isEmpty() ? beside : onPath;
 }
 
 MenuBarApp::MenuBarApp(const QString& paneBundlePath, const QDBusConnection& connection, QObject* parent)
-    : QObject(parent), m_preferencesProgram(preferencesProgramPath(paneBundlePath))
+    : QObject(parent), m_paneBundlePath(paneBundlePath)
 {
     MenuBarCommands commands;
-    commands.setBackgroundAppRunning = [this](bool wanted) { m_link->setBackgroundAppRunning(wanted); };
-    commands.preferencesAvailable = [this] { return QFileInfo(m_preferencesProgram).isExecutable(); };
+    commands.setBackgroundAppRunning = [this](bool wanted) { m_watch->setBackgroundAppRunning(wanted); };
+    commands.preferencesAvailable = [this] { return QFileInfo(preferencesProgram()).isExecutable(); };
     commands.openPreferences = [this] {
-        if (QProcess::startDetached(m_preferencesProgram, {}))
+        const QString program = preferencesProgram();
+        if (QProcess::startDetached(program, {}))
             return true;
-        std::fprintf(stderr, "NimbrelMenu: cannot start %s\n", qPrintable(m_preferencesProgram));
+        Log(13, "NimbrelMenu: cannot start %@", program);
         return false;
     };
     m_controller = std::make_unique<MenuBarController>(std::move(commands));
-    m_link = std::make_unique<NimbrelCom>(m_controller.get(), Bundle(paneBundlePath), nullptr, connection);
+    m_watch = std::make_unique<BackgroundAppWatch>(
+        Bundle(paneBundlePath),
+        [this](bool running, bool responding) {
+            m_controller->backgroundAppStateChange(running, responding);
+        },
+        nullptr, connection);
     m_menu = std::make_unique<MenuBarMenu>(m_controller.get());
     connect(m_menu.get(), &MenuBarMenu::quitRequested, this, &MenuBarApp::quitRequested);
     connect(m_controller.get(), &MenuBarController::changed, this, &MenuBarApp::updateTrayIcon);
 }
 
-// The link goes first: its pending performs and notifications must not reach a dead controller.
+// The watch goes first: its pending performs and notifications must not reach a dead controller.
 MenuBarApp::~MenuBarApp()
 {
     m_tray.reset();
-    m_link.reset();
+    m_watch.reset();
 }
 
 void MenuBarApp::start()
 {
-    // activate() tells the delegate only about what its handshake finds out; the fields hold the rest.
-    m_link->activate();
-    m_controller->nimbrelBackgroundAppStateChange(m_link->backgroundAppRunning(),
-                                                  m_link->backgroundAppResponsive());
+    m_watch->start();
     showTrayIconIfAvailable();
 }
 
@@ -86,10 +95,11 @@ void MenuBarApp::showTrayIconIfAvailable()
     m_tray = std::make_unique<QSystemTrayIcon>();
     m_tray->setContextMenu(m_menu.get());
     // A plain click opens the same menu: on most desktops that is what a tray icon is expected to do.
-    connect(m_tray.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger)
-            m_menu->popup(QCursor::pos());
-    });
+    connect(m_tray.get(), &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger)
+                    m_menu->popup(QCursor::pos());
+            });
     updateTrayIcon();
     m_tray->show();
 }

@@ -1,8 +1,9 @@
 #pragma once
 
-// The tray companion put together: the pane's link as the source of truth, the controller as its
-// delegate, the menu and the tray icon (shown once a system tray exists).
+// The tray companion put together: the watch on the background application as the source of truth,
+// the controller fed by it, the menu and the tray icon (shown once a system tray exists).
 
+#include "BackgroundAppWatch.h"
 #include "MenuBarController.h"
 
 #include <QDBusConnection>
@@ -16,14 +17,13 @@ class QTimer;
 namespace nimbrel {
 
 class MenuBarMenu;
-class NimbrelCom;
 
 // The pane bundle the executable travels in (<pane>/Resources/NimbrelMenu.app/NimbrelMenu), or
 // Bundle::defaultPaneBundlePath() when the executable is not inside one.
 QString paneBundlePathForExecutable(const QString& executablePath);
 
-// The control panel of an installation: <prefix>/bin/nimbrel-preferences for the pane bundle
-// <prefix>/lib/nimbrel/Nimbrel.prefPane.
+// The control panel: <prefix>/bin/nimbrel-preferences for the pane bundle
+// <prefix>/lib/nimbrel/Nimbrel.prefPane (the build tree has the same shape), else the one on PATH.
 QString preferencesProgramPath(const QString& paneBundlePath);
 
 class MenuBarApp : public QObject
@@ -35,12 +35,13 @@ public:
                         QObject* parent = nullptr);
     ~MenuBarApp() override;
 
-    NimbrelCom& link() { return *m_link; }
+    BackgroundAppWatch& watch() { return *m_watch; }
     MenuBarController& controller() { return *m_controller; }
     MenuBarMenu& menu() { return *m_menu; }
-    QString preferencesProgram() const { return m_preferencesProgram; }
+    // Looked for on every use: the control panel may be installed or removed while the tray runs.
+    QString preferencesProgram() const { return preferencesProgramPath(m_paneBundlePath); }
 
-    // Activates the link, takes its state and shows the tray icon, or waits for a tray to appear.
+    // Starts watching the background application and shows the tray icon, or waits for a tray.
     void start();
 
     // How often the absence of a system tray is looked at again (milliseconds).
@@ -54,9 +55,9 @@ private:
     void showTrayIconIfAvailable();
     void updateTrayIcon();
 
-    QString m_preferencesProgram;
+    QString m_paneBundlePath;
     std::unique_ptr<MenuBarController> m_controller;
-    std::unique_ptr<NimbrelCom> m_link;
+    std::unique_ptr<BackgroundAppWatch> m_watch;
     std::unique_ptr<MenuBarMenu> m_menu;
     std::unique_ptr<QSystemTrayIcon> m_tray;
     QTimer* m_trayPoll = nullptr;

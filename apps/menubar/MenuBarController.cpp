@@ -77,7 +77,7 @@ void MenuBarController::toggleBackgroundApp()
     if (!startStopEnabled())
         return;
     const bool wanted = !m_running;
-    // The transient state goes first: the link may answer before setBackgroundAppRunning returns.
+    // The transient state goes first: the answer may come before setBackgroundAppRunning returns.
     update(wanted ? BackgroundAppState::Starting : BackgroundAppState::Stopping, m_running);
     if (m_commands.setBackgroundAppRunning)
         m_commands.setBackgroundAppRunning(wanted);
@@ -90,7 +90,7 @@ bool MenuBarController::openPreferences()
     return m_commands.openPreferences();
 }
 
-void MenuBarController::nimbrelBackgroundAppStateChange(bool running, bool responding)
+void MenuBarController::backgroundAppStateChange(bool running, bool responding)
 {
     const BackgroundAppState state = !responding ? BackgroundAppState::NotResponding
                                      : running   ? BackgroundAppState::Running

@@ -1,10 +1,8 @@
 #pragma once
 
 // The tray companion's logic, free of the tray icon itself: the background application's state as the
-// link reports it (plus "starting"/"stopping" between a click and the answer) and the texts, icon name
+// watch reports it (plus "starting"/"stopping" between a click and the answer) and the texts, icon name
 // and actions that follow from it.
-
-#include "link/NimbrelComDelegate.h"
 
 #include <QObject>
 #include <QString>
@@ -17,7 +15,7 @@ QString menuText(const char* sourceText);
 
 enum class BackgroundAppState
 {
-    Checking,      // before the link's first answer
+    Checking,      // before the first answer
     Stopped,       // running false, responding true
     Starting,      // Start clicked, no answer yet
     Stopping,      // Stop clicked, no answer yet
@@ -25,7 +23,7 @@ enum class BackgroundAppState
     NotResponding, // responding false, whatever the running flag says
 };
 
-// What the controller asks of the outside world; tests pass recorders instead of the link and a launcher.
+// What the controller asks of the outside world; tests pass recorders instead of the watch and a launcher.
 struct MenuBarCommands
 {
     std::function<void(bool wanted)> setBackgroundAppRunning; // the answer comes back as a state change
@@ -33,14 +31,14 @@ struct MenuBarCommands
     std::function<bool()> openPreferences;                    // false when it could not be started
 };
 
-class MenuBarController : public QObject, public NimbrelComDelegate
+class MenuBarController : public QObject
 {
     Q_OBJECT
 public:
     explicit MenuBarController(MenuBarCommands commands, QObject* parent = nullptr);
 
     BackgroundAppState state() const { return m_state; }
-    // The link's running flag as last reported; decides between Start and Stop.
+    // The running flag as last reported; decides between Start and Stop.
     bool backgroundAppRunning() const { return m_running; }
 
     QString statusText() const;
@@ -59,17 +57,8 @@ public:
     // "Open Nimbrel Preferences…"; false when the control panel is missing or did not start.
     bool openPreferences();
 
-    // ---- NimbrelComDelegate: only the state matters to the tray --------------------------------
-    void nimbrelBackgroundAppStateChange(bool running, bool responding) override;
-    void nimbrelProtocolVersionError() override {}
-    void nimbrelBonjourNamePublished() override {}
-    void nimbrelCheckedForUpdate() override {}
-    void nimbrelResetFinished(bool) override {}
-    void nimbrelPublishingCalendar(const QVariantMap&) override {}
-    void nimbrelSubscribingToCalendar(const QVariantMap&) override {}
-    void nimbrelPublishedCalendarsChanged() override {}
-    void nimbrelSubscribedCalendarsChanged() override {}
-    void nimbrelGoogleSyncProgress(bool) override {}
+    // The (running, responding) pair the watch settled on.
+    void backgroundAppStateChange(bool running, bool responding);
 
 signals:
     // The state or the running flag changed: texts, icon and actions may read differently.

@@ -1,8 +1,8 @@
 // NimbrelMenu: the tray companion. One per session; quits on SIGTERM and SIGINT.
 
 #include "MenuBarApp.h"
-#include "QuitOnSignal.h"
 #include "SingleInstance.h"
+#include "platform/SignalNotifier.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -46,8 +46,8 @@ int main(int argc, char** argv)
     QApplication::setApplicationDisplayName(QStringLiteral("Nimbrel"));
     QApplication::setQuitOnLastWindowClosed(false); // the menu closing is no reason to leave
 
-    nimbrel::QuitOnSignal quitSignals({SIGTERM, SIGINT});
-    QObject::connect(&quitSignals, &nimbrel::QuitOnSignal::signalReceived, &app, &QCoreApplication::quit);
+    nimbrel::SignalNotifier quitSignals({SIGTERM, SIGINT});
+    QObject::connect(&quitSignals, &nimbrel::SignalNotifier::signalReceived, &app, &QCoreApplication::quit);
 
     const QDBusConnection bus = QDBusConnection::sessionBus();
     QString error;

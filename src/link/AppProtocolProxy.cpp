@@ -9,10 +9,18 @@ namespace nimbrel {
 
 namespace {
 
+std::function<void(const QString&)>& outgoingObserver()
+{
+    static std::function<void(const QString&)> observer;
+    return observer;
+}
+
 // The call as a message: no introspection, and a stopped background application stays stopped.
 // False (with `error` set) when an argument cannot be carried.
 bool buildCall(const QString& method, const QVariantList& arguments, QDBusMessage* message, QDBusError* error)
 {
+    if (outgoingObserver())
+        outgoingObserver()(method);
     *message =
         QDBusMessage::createMethodCall(kAppProtocolService, kAppProtocolPath, kAppProtocolInterface, method);
     message->setAutoStartService(false);
@@ -34,6 +42,11 @@ bool buildCall(const QString& method, const QVariantList& arguments, QDBusMessag
 } // namespace
 
 AppProtocolProxy::AppProtocolProxy(const QDBusConnection& connection) : m_connection(connection) {}
+
+void AppProtocolProxy::setOutgoingObserver(std::function<void(const QString& method)> observer)
+{
+    outgoingObserver() = std::move(observer);
+}
 
 bool AppProtocolProxy::send(const QString& method, const QVariantList& arguments) const
 {
@@ -94,11 +107,15 @@ std::optional<QVariantList> AppProtocolProxy::listCall(const QString& method) co
     const std::optional<QVariant> answer = call(method);
     if (!answer)
         return std::nullopt;
-    if (answer->typeId() != QMetaType::QVariantList) {
+    if (answer->typeId() != QMetaType::QByteArray) {
         Log(13, "%@: answered a %s instead of a list", method, answer->typeName());
         return std::nullopt;
     }
-    return answer->toList();
+    QString error;
+    std::optional<QVariantList> list = wire::decodeList(answer->toByteArray(), &error);
+    if (!list)
+        Log(13, "%@: answered no list: %@", method, error);
+    return list;
 }
 
 std::optional<QVariantList> AppProtocolProxy::calendarsPublishableViaBonjour() const

@@ -13,6 +13,7 @@
 #include <QVariant>
 #include <QVariantList>
 #include <QVariantMap>
+#include <functional>
 #include <optional>
 
 namespace nimbrel {
@@ -31,6 +32,10 @@ public:
     bool send(const QString& method, const QVariantList& arguments = {}) const;
     std::optional<QVariant> call(const QString& method, const QVariantList& arguments = {},
                                  QDBusError* error = nullptr) const;
+
+    // Called on the sending thread just before each call leaves, with its method name; tests watch
+    // the order of what the link does around it. An empty function removes it.
+    static void setOutgoingObserver(std::function<void(const QString& method)> observer);
 
     // Synchronous operations. After a failure (logged) they yield nullopt, false or 0: a list that
     // could not be fetched is not the same as an empty one.

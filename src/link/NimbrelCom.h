@@ -23,9 +23,6 @@ class NotificationBus;
 class RunLoop;
 class SettingsStore;
 
-inline const QString kBackgroundAppIdentifier = QStringLiteral("com.quorvia.Nimbrel");
-inline const QString kMenuBarAppIdentifier = QStringLiteral("com.quorvia.Nimbrel.menu");
-
 // Reply time-out of the handshake, and the delays of the request-and-confirmation timers (seconds).
 inline constexpr int kHandshakeTimeoutMs = 10000;
 inline constexpr double kBackgroundAppStateChangeDelay = 20.0;

@@ -4,7 +4,7 @@
 #include "link/NimbrelCom.h"
 #include "link/NimbrelComDelegate.h"
 #include "logging/Log.h"
-#include "platform/LoginItemsAE.h"
+#include "platform/LoginItems.h"
 #include "platform/ProcessLaunch.h"
 
 namespace nimbrel {
@@ -108,37 +108,12 @@ bool NimbrelCom::launchMenuBarAppAtStartup()
 
 bool NimbrelCom::startsAtLogin(const QString& appPath)
 {
-    if (appPath.isEmpty())
-        return false;
-    const QUrl url = loginItemURLForPath(appPath);
-    std::unique_ptr<QVariantList> items;
-    if (LIAECopyLoginItems(&items) != noErr)
-        return false;
-    for (const QVariant& item : *items) {
-        if (item.toMap().value(QStringLiteral("URL")).toUrl() == url)
-            return true;
-    }
-    return false;
+    return nimbrel::startsAtLogin(appPath);
 }
 
 void NimbrelCom::setStartsAtLogin(bool wanted, const QString& appPath)
 {
-    const QUrl url = loginItemURLForPath(appPath);
-    qsizetype index = -1;
-    std::unique_ptr<QVariantList> items;
-    if (LIAECopyLoginItems(&items) == noErr) {
-        for (qsizetype i = 0; i < items->size(); ++i) {
-            if (items->at(i).toMap().value(QStringLiteral("URL")).toUrl() == url) {
-                index = i;
-                break;
-            }
-        }
-    }
-    // Errors of the login-item module are not reported: the item is simply not added or removed.
-    if (wanted && index < 0)
-        LIAEAddURLAtEnd(url, false);
-    else if (!wanted && index >= 0)
-        LIAERemove(index);
+    nimbrel::setStartsAtLogin(wanted, appPath);
 }
 
 } // namespace nimbrel

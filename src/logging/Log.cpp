@@ -46,6 +46,12 @@ std::string& lineBuffer()
     return *line;
 }
 
+std::string& messageBuffer()
+{
+    static auto* message = new std::string;
+    return *message;
+}
+
 // Runs the logger with `message` as its only argument, without a shell, and waits for it.
 void runLogger(std::string message)
 {
@@ -105,6 +111,12 @@ void LogV(long level, std::string_view format, const std::vector<LogArgument>& a
     line.append(" - ");
     const size_t messageStart = line.size();
     logdetail::appendFormatted(line, format, arguments);
+    if (logdetail::needsEscaping(std::string_view(line).substr(messageStart))) {
+        std::string& message = messageBuffer();
+        message.assign(line, messageStart);
+        line.resize(messageStart);
+        logdetail::appendEscapedMessage(line, message);
+    }
     line.push_back('\n');
 
     gLogBytesWritten += static_cast<long>(std::fwrite(line.data(), 1, line.size(), stderr));

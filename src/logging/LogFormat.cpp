@@ -387,6 +387,60 @@ void appendFormatted(std::string& out, std::string_view f, const std::vector<Log
     }
 }
 
+bool needsEscaping(std::string_view message)
+{
+    if (message.size() > kMaxMessageBytes)
+        return true;
+    for (const char byte : message) {
+        const auto c = static_cast<unsigned char>(byte);
+        if (c < 0x20 || c == 0x7F || c == 0xC2) // 0xC2 may begin a C1 control
+            return true;
+    }
+    return false;
+}
+
+void appendEscapedMessage(std::string& out, std::string_view message)
+{
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    const auto byteAt = [&message](size_t i) { return static_cast<unsigned char>(message[i]); };
+    const size_t start = out.size();
+    size_t i = 0;
+    while (i < message.size()) {
+        const unsigned char c = byteAt(i);
+        // How many bytes the character takes here, and how many it takes written. A C1 control is
+        // U+0080..U+009F: 0xC2 followed by 0x80..0x9F in UTF-8.
+        // A malformed sequence counts byte by byte, so no newline ever hides inside one.
+        size_t length = c < 0xC0 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+        for (size_t k = 1; k < length; ++k) {
+            if (i + k >= message.size() || (byteAt(i + k) & 0xC0) != 0x80) {
+                length = 1;
+                break;
+            }
+        }
+        const bool control = c < 0x20 || c == 0x7F || (c == 0xC2 && length == 2 && byteAt(i + 1) < 0xA0);
+        const size_t written = c == '\n' ? 2 : control ? 4 * length : length;
+        if (out.size() - start + written > kMaxMessageBytes)
+            break;
+        if (c == '\n') {
+            out.append("\\n");
+        } else if (control) {
+            for (size_t k = i; k < i + length; ++k) {
+                out.append("\\x");
+                out.push_back(kHex[byteAt(k) >> 4]);
+                out.push_back(kHex[byteAt(k) & 0xF]);
+            }
+        } else {
+            out.append(message.substr(i, length));
+        }
+        i += length;
+    }
+    if (i < message.size()) {
+        out.append(" [\u2026 ");
+        out.append(std::to_string(message.size() - i));
+        out.append(" more bytes]");
+    }
+}
+
 void appendLogDate(std::string& out, double seconds)
 {
     if (!std::isfinite(seconds) || seconds < -1e15 || seconds > 1e15)

@@ -16,6 +16,17 @@ namespace nimbrel::logdetail {
 // stands; "%n" is not a directive.
 void appendFormatted(std::string& out, std::string_view format, const std::vector<LogArgument>& arguments);
 
+// Longest message a line carries, escapes included; a longer one is cut and marked.
+inline constexpr size_t kMaxMessageBytes = 8192;
+
+// Appends `message` so that it can only ever be one line of the log, whatever text from outside it
+// holds: a newline becomes "\n", every other control character (C0, DEL, and the C1 controls a
+// terminal may obey) "\xNN" per byte; a message longer than kMaxMessageBytes is cut at a character
+// boundary and ends with " [… N more bytes]".
+void appendEscapedMessage(std::string& out, std::string_view message);
+// Whether appendEscapedMessage would write anything but `message` itself.
+bool needsEscaping(std::string_view message);
+
 // Appends `seconds` since the epoch as local "YYYY-MM-DD HH:MM:SS.mmm".
 void appendLogDate(std::string& out, double seconds);
 

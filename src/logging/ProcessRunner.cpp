@@ -1,5 +1,4 @@
 #include "logging/SupportBundlePrivate.h"
-
 #include "platform/ProcessLaunch.h"
 
 #include <QProcess>

@@ -9,6 +9,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
+#include <QTemporaryDir>
+#include <memory>
 
 namespace nimbrel {
 
@@ -41,6 +43,26 @@ bool defaultMailProgramTakesAttachments()
     return kAttachingMailPrograms.contains(QString::fromUtf8(answer.standardOutput).trimmed());
 }
 
+// A private folder for one request, made with a random name and mode 0700: under $XDG_RUNTIME_DIR
+// (the user's own, gone at logout) where it is set, else in the temporary folder. No fixed name in a
+// shared folder, so nobody else can plant or read the zip.
+std::unique_ptr<QTemporaryDir> makeWorkFolder(QString* base)
+{
+    *base = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (base->isEmpty() || !QFileInfo(*base).isDir())
+        *base = QDir::tempPath();
+    auto folder = std::make_unique<QTemporaryDir>(*base + QStringLiteral("/nimbrel-support-XXXXXX"));
+    return folder->isValid() ? std::move(folder) : nullptr;
+}
+
+// The folder whose zip went to the mail program, which may read the attachment after the hand-off:
+// kept until the next request or the end of the program.
+std::unique_ptr<QTemporaryDir>& handedOverFolder()
+{
+    static std::unique_ptr<QTemporaryDir> folder;
+    return folder;
+}
+
 // Renames, or copies and removes when the two places are on different file systems.
 bool moveFile(const QString& from, const QString& to)
 {
@@ -61,36 +83,46 @@ bool emailLogFiles(const QString& logFolder, const QString& emailScriptPath, con
     LogFlush();
     const bool takesAttachment = defaultMailProgramTakesAttachments();
 
-    const QString tempFolder = QDir::tempPath();
+    handedOverFolder().reset();
+    QString base;
+    std::unique_ptr<QTemporaryDir> work = makeWorkFolder(&base);
+    if (!work) {
+        Log(13, "emailLogFiles: cannot make a private folder in %@", base);
+        return false;
+    }
     const QString zipName = QFileInfo(QDir::cleanPath(logFolder)).fileName() + QStringLiteral(".zip");
-    const QString zipPath = tempFolder + QLatin1Char('/') + zipName;
-    QFile::remove(zipPath);
+    const QString zipPath = work->filePath(zipName);
 
     // The zip takes the log folder and the journal's tail, nothing else: the shared settings file and
     // anything holding passwords stay out of it.
     QStringList arguments = {QStringLiteral("-q"), QStringLiteral("-j"), QStringLiteral("-r"), zipPath,
                              logFolder};
+    QString systemLog;
     if (includeSystemLog) {
-        const QString systemLog = supportbundle::writeSystemLogTail(tempFolder);
+        systemLog = supportbundle::writeSystemLogTail(work->path());
         if (!systemLog.isEmpty())
             arguments << systemLog;
     }
     const ProcessResult zip = processRunner().run(QStringLiteral("/usr/bin/zip"), arguments);
+    if (!systemLog.isEmpty())
+        QFile::remove(systemLog); // in the zip now, or of no use
     if (!succeeded(zip)) {
         // A zip that could not be run or was killed counts as status -1.
         const int status = zip.started && !zip.crashed ? zip.exitStatus : -1;
         Log(13, "emailLogFiles: zip failed %d", status);
         return false;
     }
-    // The logs are the user's own: the zip in the shared temporary folder is readable by the user only.
+    // The logs are the user's own: the zip is readable by the user only, wherever it goes next.
     QFile::setPermissions(zipPath, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
 
     if (takesAttachment) {
         // Subject and path are arguments of the script, never part of its text.
         const ProcessResult script =
             processRunner().run(QStringLiteral("/bin/sh"), {emailScriptPath, subject, zipPath});
-        if (succeeded(script))
+        if (succeeded(script)) {
+            handedOverFolder() = std::move(work);
             return true;
+        }
         Log(13, "emailLogFiles: AppleScript failed %@", supportbundle::describe(script));
     }
 

@@ -42,7 +42,8 @@ void setProcessRunner(ProcessRunner* runner);
 void setUrlOpener(std::function<bool(const QString& url)> opener);
 
 // Zips `logFolder` (and, when asked, the last 10 000 lines of the system journal as system.log) into
-// <temp>/<folder name>.zip and hands it to the mail program: through `emailScriptPath` when the
+// <folder name>.zip in a private folder of its own (under $XDG_RUNTIME_DIR where set) and hands it to
+// the mail program: through `emailScriptPath` when the
 // default mail program can take an attachment, else the zip is moved to the Desktop and `mailtoTemplate`
 // (two %@: subject, zip file name) is opened. `filteredLogPath` is accepted and not used.
 bool emailLogFiles(const QString& logFolder, const QString& emailScriptPath, const QString& subject,

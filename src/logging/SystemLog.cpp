@@ -231,7 +231,9 @@ bool iCalErrorsInConsole(const QDateTime& since)
         return false;
 
     Log(13, "iCalExternalSync errors detected");
-    Log(13, text);
+    // One line of the log per line found (a message is always one line); each is its own format.
+    for (const QString& line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        Log(13, line);
     return true;
 }
 

@@ -1,5 +1,7 @@
 #include "model/CalendarMerge.h"
 
+#include "platform/PlistValue.h"
+
 #include <QHashFunctions>
 #include <algorithm>
 #include <vector>
@@ -10,13 +12,13 @@ namespace {
 
 const QString& uidKey()
 {
-    static const QString key = QStringLiteral("uid");
+    static const QString key = plist::sharedKey("uid");
     return key;
 }
 
 const QString& titleKey()
 {
-    static const QString key = QStringLiteral("title");
+    static const QString key = plist::sharedKey("title");
     return key;
 }
 
@@ -36,14 +38,14 @@ enum class KeyKind
     Other
 };
 
-KeyKind identityValue(const QVariantMap& dict, const QString& key, QString* value)
+KeyKind identityValue(const CalendarRecord& record, const QString& key, QString* value)
 {
-    const auto it = dict.constFind(key);
-    if (it == dict.cend() || !it->isValid())
+    const QVariant found = record.value(key);
+    if (!found.isValid())
         return KeyKind::Absent;
-    if (it->typeId() != QMetaType::QString)
+    if (found.typeId() != QMetaType::QString)
         return KeyKind::Other;
-    *value = it->toString();
+    *value = found.toString();
     return KeyKind::String;
 }
 
@@ -159,11 +161,11 @@ public:
     int find(const NimbrelCalendar& probe)
     {
         QString uid, title;
-        const KeyKind uidKind = identityValue(probe.dict(), uidKey(), &uid);
+        const KeyKind uidKind = identityValue(probe.record(), uidKey(), &uid);
         // The probe's title only counts against rows filed by title (irregular rows are tested below).
         const bool titlesMatter = !m_byTitle.isEmpty();
         const KeyKind titleKind =
-            titlesMatter ? identityValue(probe.dict(), titleKey(), &title) : KeyKind::Absent;
+            titlesMatter ? identityValue(probe.record(), titleKey(), &title) : KeyKind::Absent;
         if (uidKind == KeyKind::Other || titleKind == KeyKind::Other)
             return scan(probe);
 
@@ -204,12 +206,12 @@ private:
             m_topPositions.push_back(number);
 
         QString uid, title;
-        switch (identityValue(calendar->dict(), uidKey(), &uid)) {
+        switch (identityValue(calendar->record(), uidKey(), &uid)) {
         case KeyKind::String:
             m_byUid.file(uid, number, m_next);
             break;
         case KeyKind::Absent:
-            switch (identityValue(calendar->dict(), titleKey(), &title)) {
+            switch (identityValue(calendar->record(), titleKey(), &title)) {
             case KeyKind::String:
                 m_byTitle.file(title, number, m_next);
                 break;
@@ -267,7 +269,7 @@ private:
 // titles read once per row instead of twice per comparison.
 bool titleBefore(const QString& a, const QString& b)
 {
-    return QString::compare(a, b, Qt::CaseInsensitive) < 0;
+    return compareCaseless(a, b) < 0;
 }
 
 // Appends `added` to `list` and sorts the whole by title, keeping the order of equal titles (rows
@@ -350,7 +352,7 @@ void setCalendarList(CalendarList& kept, const CalendarList& fresh, NimbrelCalen
             NimbrelCalendar* match = index.row(number);
             if (!match->isLeaf() && !row->isLeaf())
                 setCalendarList(*row->children(), *match->children(), row.get());
-            row->setDict(match->dict());
+            row->setRecord(match->record());
             row->setMark();
             // A match inside a fresh source leaves that source in place, to be matched or inserted.
             const int top = index.topLevelIndexOf(number);

@@ -2,6 +2,7 @@
 
 #include "model/CalendarLink.h"
 #include "platform/KeyboardState.h"
+#include "platform/PlistValue.h"
 
 #include <QMetaType>
 #include <algorithm>
@@ -12,22 +13,22 @@ namespace nimbrel {
 
 namespace {
 
-const QString kUid = QStringLiteral("uid");
-const QString kTitle = QStringLiteral("title");
-const QString kSource = QStringLiteral("source");
-const QString kCalendars = QStringLiteral("calendars");
-const QString kOrder = QStringLiteral("order");
-const QString kPublishedToBonjour = QStringLiteral("publishedToBonjour");
-const QString kPublishedToGoogle = QStringLiteral("publishedToGoogle");
-const QString kSubscribedTo = QStringLiteral("subscribedTo");
-const QString kSubscribable = QStringLiteral("subscribable");
-const QString kSubscribePassword = QStringLiteral("subscribePassword");
-const QString kReadProtected = QStringLiteral("readProtected");
-const QString kReadOnly = QStringLiteral("readOnly");
-const QString kReadableByAnyone = QStringLiteral("readableByAnyone");
-const QString kWritableByAnyone = QStringLiteral("writableByAnyone");
-const QString kOffline = QStringLiteral("offline");
-const QString kRemoteURL = QStringLiteral("remoteURL");
+const QString kUid = plist::sharedKey("uid");
+const QString kTitle = plist::sharedKey("title");
+const QString kSource = plist::sharedKey("source");
+const QString kCalendars = plist::sharedKey("calendars");
+const QString kOrder = plist::sharedKey("order");
+const QString kPublishedToBonjour = plist::sharedKey("publishedToBonjour");
+const QString kPublishedToGoogle = plist::sharedKey("publishedToGoogle");
+const QString kSubscribedTo = plist::sharedKey("subscribedTo");
+const QString kSubscribable = plist::sharedKey("subscribable");
+const QString kSubscribePassword = plist::sharedKey("subscribePassword");
+const QString kReadProtected = plist::sharedKey("readProtected");
+const QString kReadOnly = plist::sharedKey("readOnly");
+const QString kReadableByAnyone = plist::sharedKey("readableByAnyone");
+const QString kWritableByAnyone = plist::sharedKey("writableByAnyone");
+const QString kOffline = plist::sharedKey("offline");
+const QString kRemoteURL = plist::sharedKey("remoteURL");
 
 // The keys bound views read from a row, announced together whenever the record is replaced.
 const QStringList& recordKeys()
@@ -66,15 +67,10 @@ bool isNumber(const QVariant& value)
     }
 }
 
-bool isPresent(const QVariantMap& dictionary, const QString& key)
-{
-    return dictionary.value(key).isValid();
-}
-
 // A missing title sorts as the empty one.
-QString titleText(const QVariantMap& dictionary)
+QString titleText(const CalendarRecord& record)
 {
-    return dictionary.value(kTitle).toString();
+    return record.value(kTitle).toString();
 }
 
 std::function<bool()>& alternateKeySource()
@@ -87,9 +83,8 @@ std::function<bool()>& alternateKeySource()
 
 // Only property-list booleans and numbers carry truth; a string such as "true" reads as false, as does
 // any other type, so a malformed record never switches a flag on.
-bool boolValue(const QVariantMap& dictionary, const QString& key)
+bool boolValue(const QVariant& value)
 {
-    const QVariant value = dictionary.value(key);
     if (!isNumber(value))
         return false;
     if (value.typeId() == QMetaType::Double || value.typeId() == QMetaType::Float) {
@@ -102,7 +97,7 @@ bool boolValue(const QVariantMap& dictionary, const QString& key)
 NimbrelCalendar::NimbrelCalendar(const QVariantMap& dictionary, CalendarLink* com)
     : m_dict(dictionary), m_com(com)
 {
-    if (!boolValue(dictionary, kSource))
+    if (!boolValue(m_dict, kSource))
         return;
     m_dict.remove(kCalendars);
     m_calendarsFromSource = std::make_unique<CalendarList>();
@@ -122,9 +117,8 @@ CalendarRef NimbrelCalendar::create(const QVariantMap& dictionary, CalendarLink*
     return std::make_shared<NimbrelCalendar>(dictionary, com);
 }
 
-void NimbrelCalendar::setDict(const QVariantMap& dictionary)
+void NimbrelCalendar::setRecord(CalendarRecord incoming)
 {
-    QVariantMap incoming = dictionary;
     // Unsubscribing forgets the password given for the subscription.
     if (boolValue(m_dict, kSubscribedTo) && !boolValue(incoming, kSubscribedTo))
         incoming.remove(kSubscribePassword);
@@ -212,12 +206,27 @@ int NimbrelCalendar::childCount() const
 
 bool NimbrelCalendar::isRemoteServer() const
 {
-    return !isLeaf() && isPresent(m_dict, kRemoteURL);
+    return !isLeaf() && m_dict.value(kRemoteURL).isValid();
+}
+
+int compareCaseless(QStringView a, QStringView b)
+{
+    const qsizetype common = std::min(a.size(), b.size());
+    for (qsizetype i = 0; i < common; ++i) {
+        char16_t x = a[i].unicode(), y = b[i].unicode();
+        if (x >= 0x80 || y >= 0x80) // folding beyond ASCII: Qt's own, from the first such character on
+            return QtPrivate::compareStrings(a.sliced(i), b.sliced(i), Qt::CaseInsensitive);
+        x = x >= u'A' && x <= u'Z' ? char16_t(x + 32) : x;
+        y = y >= u'A' && y <= u'Z' ? char16_t(y + 32) : y;
+        if (x != y)
+            return x < y ? -1 : 1;
+    }
+    return a.size() == b.size() ? 0 : a.size() < b.size() ? -1 : 1;
 }
 
 int NimbrelCalendar::compareTitle(const NimbrelCalendar& other) const
 {
-    return QString::compare(titleText(m_dict), titleText(other.m_dict), Qt::CaseInsensitive);
+    return compareCaseless(titleText(m_dict), titleText(other.m_dict));
 }
 
 int NimbrelCalendar::compare(const NimbrelCalendar& other) const
@@ -243,29 +252,29 @@ bool NimbrelCalendar::isEqualToCalendar(const NimbrelCalendar& other) const
 
 void NimbrelCalendar::setPublishedToBonjour(const QVariant& value)
 {
-    QVariantMap changed = m_dict;
+    CalendarRecord changed = m_dict;
     changed.insert(kPublishedToBonjour, value);
-    setDict(changed);
+    setRecord(std::move(changed));
     if (m_com)
-        m_com->publishViaBonjour(m_dict, !alternateKeyDown());
+        m_com->publishViaBonjour(dict(), !alternateKeyDown());
 }
 
 void NimbrelCalendar::setSubscribedTo(const QVariant& value)
 {
-    QVariantMap changed = m_dict;
+    CalendarRecord changed = m_dict;
     changed.insert(kSubscribedTo, value);
-    setDict(changed);
+    setRecord(std::move(changed));
     if (m_com)
-        m_com->subscribeTo(m_dict, !alternateKeyDown());
+        m_com->subscribeTo(dict(), !alternateKeyDown());
 }
 
 void NimbrelCalendar::setPublishedToGoogle(const QVariant& value)
 {
-    QVariantMap changed = m_dict;
+    CalendarRecord changed = m_dict;
     changed.insert(kPublishedToGoogle, value);
-    setDict(changed);
+    setRecord(std::move(changed));
     if (m_com)
-        m_com->publishToGoogle(m_dict);
+        m_com->publishToGoogle(dict());
 }
 
 // Only the one flag is announced: the options sheet that led here already stored the rest.
@@ -277,7 +286,7 @@ void NimbrelCalendar::autoPublishToBonjour()
     m_dict.insert(kPublishedToBonjour, true);
     didChangeValueForKey(kPublishedToBonjour);
     if (m_com)
-        m_com->publishViaBonjour(m_dict, false);
+        m_com->publishViaBonjour(dict(), false);
 }
 
 void NimbrelCalendar::autoSubscribeTo()
@@ -288,7 +297,7 @@ void NimbrelCalendar::autoSubscribeTo()
     m_dict.insert(kSubscribedTo, true);
     didChangeValueForKey(kSubscribedTo);
     if (m_com)
-        m_com->subscribeTo(m_dict, false);
+        m_com->subscribeTo(dict(), false);
 }
 
 // The sheet's own record goes to the link, passwords included; what is stored may differ (setDict).

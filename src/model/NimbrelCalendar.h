@@ -5,6 +5,7 @@
 // owns its calendars as children. Wraps the calendar dictionary the background application sends and
 // announces every change of it, key by key, to bound views.
 
+#include "model/CalendarRecord.h"
 #include "platform/Observable.h"
 
 #include <QDateTime>
@@ -32,11 +33,14 @@ public:
     NimbrelCalendar(const QVariantMap& dictionary, CalendarLink* com);
     static CalendarRef create(const QVariantMap& dictionary, CalendarLink* com);
 
-    const QVariantMap& dict() const { return m_dict; }
+    // The record as a dictionary (made on each call), and as the row keeps it.
+    QVariantMap dict() const { return m_dict.toMap(); }
+    const CalendarRecord& record() const { return m_dict; }
     // Replaces the record: forgets the subscription password on unsubscribing, falls back to the
     // publisher's grants when the password goes, and announces the eight keys (will, then did) unless
     // the record is unchanged.
-    void setDict(const QVariantMap& dictionary);
+    void setDict(const QVariantMap& dictionary) { setRecord(CalendarRecord(dictionary)); }
+    void setRecord(CalendarRecord incoming);
 
     // Plain readers: the stored value, null when absent.
     QVariant uid() const;
@@ -101,14 +105,26 @@ public:
 private:
     bool alternateKeyDown() const;
 
-    QVariantMap m_dict;
+    CalendarRecord m_dict;
     CalendarLink* m_com;
     std::unique_ptr<CalendarList> m_calendarsFromSource;
     bool m_expanded = true;
     bool m_marked = false;
 };
 
+// QString::compare(a, b, Qt::CaseInsensitive), with the common all-ASCII case done without folding
+// tables: the titles of every list are sorted this way.
+int compareCaseless(QStringView a, QStringView b);
+
 // True when the dictionary value reads as true (booleans, numbers; absent = false).
-bool boolValue(const QVariantMap& dictionary, const QString& key);
+bool boolValue(const QVariant& value);
+inline bool boolValue(const QVariantMap& dictionary, const QString& key)
+{
+    return boolValue(dictionary.value(key));
+}
+inline bool boolValue(const CalendarRecord& record, const QString& key)
+{
+    return boolValue(record.value(key));
+}
 
 } // namespace nimbrel

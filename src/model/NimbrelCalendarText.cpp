@@ -24,7 +24,7 @@ QDateTime now()
     return QDateTime::currentDateTime();
 }
 
-bool hasText(const QVariantMap& dictionary, const QString& key)
+bool hasText(const CalendarRecord& dictionary, const QString& key)
 {
     return !dictionary.value(key).toString().isEmpty();
 }

@@ -1,6 +1,7 @@
 #include "platform/LoginItemsAE.h"
 
 #include "platform/Bundle.h"
+#include "platform/KeyValueFile.h"
 
 #include <QDir>
 #include <QFile>
@@ -207,33 +208,19 @@ bool isTrueValue(const QString& value)
 // has no such group.
 std::optional<QHash<QString, QString>> readDesktopEntry(const QString& path)
 {
-    QFile file(path);
-    if (file.size() > kMaxEntrySize || !file.open(QIODevice::ReadOnly))
+    const std::optional<QList<KeyValueGroup>> groups = readKeyValueFile(path, kMaxEntrySize);
+    if (!groups)
         return std::nullopt;
-    const QString text = QString::fromUtf8(file.readAll());
     QHash<QString, QString> keys;
     bool sawGroup = false;
-    bool inGroup = false;
-    for (QStringView line : QStringView(text).split(QLatin1Char('\n'))) {
-        if (line.endsWith(QLatin1Char('\r')))
-            line.chop(1);
-        const QStringView trimmed = line.trimmed();
-        if (trimmed.isEmpty() || trimmed.startsWith(QLatin1Char('#')))
+    for (const KeyValueGroup& group : *groups) {
+        if (group.name != kGroup)
             continue;
-        if (trimmed.startsWith(QLatin1Char('[')) && trimmed.endsWith(QLatin1Char(']'))) {
-            inGroup = trimmed.sliced(1, trimmed.size() - 2) == kGroup;
-            sawGroup = sawGroup || inGroup;
-            continue;
+        sawGroup = true;
+        for (const auto& [key, value] : group.entries) {
+            if (!keys.contains(key))
+                keys.insert(key, unescapeValue(value));
         }
-        const qsizetype equals = line.indexOf(QLatin1Char('='));
-        if (!inGroup || equals <= 0)
-            continue;
-        const QString key = line.first(equals).trimmed().toString();
-        QStringView value = line.sliced(equals + 1);
-        while (!value.isEmpty() && (value.front() == QLatin1Char(' ') || value.front() == QLatin1Char('\t')))
-            value = value.sliced(1);
-        if (!key.isEmpty() && !keys.contains(key))
-            keys.insert(key, unescapeValue(value.toString()));
     }
     if (!sawGroup)
         return std::nullopt;

@@ -4,6 +4,7 @@
 
 #include <QDateTime>
 #include <QFloat16>
+#include <QHash>
 #include <QStringList>
 #include <QVariantHash>
 #include <QVariantList>
@@ -259,6 +260,18 @@ QVariant normalized(const QVariant& value, QString* error)
     if (error)
         *error = normalizer.error;
     return result;
+}
+
+QString sharedKey(QByteArrayView utf8)
+{
+    // Bounded: keys are few; anything beyond is made afresh each time.
+    thread_local QHash<QByteArray, QString> keys;
+    if (const auto it = keys.constFind(QByteArray::fromRawData(utf8.data(), utf8.size())); it != keys.cend())
+        return *it;
+    QString made = QString::fromUtf8(utf8);
+    if (keys.size() < 256)
+        keys.insert(utf8.toByteArray(), made);
+    return made;
 }
 
 } // namespace nimbrel::plist

@@ -4,6 +4,7 @@
 // QDateTime (UTC), QByteArray, QVariantList, QVariantMap. These helpers classify and normalise
 // values so that every file and every wire format sees the same eight types.
 
+#include <QByteArrayView>
 #include <QString>
 #include <QVariant>
 
@@ -37,5 +38,9 @@ bool isNumber(Type type);
 // QStringList becomes a list of strings, QVariantHash becomes QVariantMap; a value that cannot be
 // represented yields a null QVariant and, when `error` is given, a message naming the first bad path.
 QVariant normalized(const QVariant& value, QString* error = nullptr);
+
+// The one QString (per thread) for a dictionary key given as UTF-8. Keys repeat in every record of a
+// list; records whose keys share their data compare and look them up by pointer.
+QString sharedKey(QByteArrayView utf8);
 
 } // namespace nimbrel::plist

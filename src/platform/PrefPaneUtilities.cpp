@@ -1,12 +1,11 @@
 #include "platform/PrefPaneUtilities.h"
 
+#include "platform/KeyValueFile.h"
 #include "platform/NSURLConnectionMonitor.h"
 #include "platform/Strings.h"
 #include "platform/SystemVersion.h"
 
 #include <QDir>
-#include <QFile>
-#include <QHash>
 #include <QUrl>
 
 namespace nimbrel {
@@ -106,42 +105,6 @@ QString unescapeConfigValue(const QString& raw)
     return value;
 }
 
-struct ConfigGroup
-{
-    QString name;
-    QHash<QString, QString> entries;
-};
-
-// A small reader for the INI dialect of KDE configuration files. QSettings is not used: its INI
-// format decodes "%" sequences in group names and splits values at commas.
-QList<ConfigGroup> readConfigFile(const QString& path)
-{
-    QList<ConfigGroup> groups;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
-        return groups;
-    while (!file.atEnd()) {
-        const QString line = QString::fromUtf8(file.readLine()).trimmed();
-        if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
-            continue;
-        if (line.startsWith(QLatin1Char('['))) {
-            const qsizetype close = line.indexOf(QLatin1Char(']'));
-            if (close > 0)
-                groups.append({line.mid(1, close - 1), {}});
-            continue;
-        }
-        const qsizetype equals = line.indexOf(QLatin1Char('='));
-        if (equals <= 0 || groups.isEmpty())
-            continue;
-        QString key = line.left(equals).trimmed();
-        // Flags such as "[$e]" after the key do not change which entry it is.
-        if (const qsizetype flags = key.indexOf(QLatin1String("[$")); flags > 0)
-            key = key.left(flags).trimmed();
-        groups.last().entries.insert(key, unescapeConfigValue(line.mid(equals + 1).trimmed()));
-    }
-    return groups;
-}
-
 QString configHome()
 {
     const QString xdg = qEnvironmentVariable("XDG_CONFIG_HOME");
@@ -154,26 +117,38 @@ QString emailFromKdeDefaults()
 {
     static const QString profilePrefix = QStringLiteral("PROFILE_");
     static const QString addressKey = QStringLiteral("EmailAddress");
-    const QList<ConfigGroup> groups = readConfigFile(configHome() + QLatin1String("/emaildefaults"));
+    // Values keep the KDE writer's escapes; flags such as "[$e]" after a key do not change the key.
+    QList<KeyValueGroup> groups =
+        readKeyValueFile(configHome() + QLatin1String("/emaildefaults")).value_or(QList<KeyValueGroup>());
+    for (KeyValueGroup& group : groups) {
+        for (auto& [key, value] : group.entries) {
+            if (const qsizetype flags = key.indexOf(QLatin1String("[$")); flags > 0)
+                key = key.left(flags).trimmed();
+            value = unescapeConfigValue(value.trimmed());
+        }
+    }
+    const auto entry = [](const KeyValueGroup& group, const QString& key) {
+        return group.value(key).value_or(QString());
+    };
 
     QString defaultProfile;
-    for (const ConfigGroup& group : groups) {
-        if (group.name == QLatin1String("Defaults") && group.entries.contains(QStringLiteral("Profile")))
-            defaultProfile = group.entries.value(QStringLiteral("Profile"));
+    for (const KeyValueGroup& group : groups) {
+        if (group.name == QLatin1String("Defaults") && group.value(QStringLiteral("Profile")))
+            defaultProfile = entry(group, QStringLiteral("Profile"));
     }
     if (!defaultProfile.isEmpty()) {
-        for (const ConfigGroup& group : groups) {
+        for (const KeyValueGroup& group : groups) {
             if (group.name == profilePrefix + defaultProfile) {
-                const QString address = group.entries.value(addressKey).trimmed();
+                const QString address = entry(group, addressKey).trimmed();
                 if (!address.isEmpty())
                     return address;
             }
         }
     }
-    for (const ConfigGroup& group : groups) {
+    for (const KeyValueGroup& group : groups) {
         if (!group.name.startsWith(profilePrefix))
             continue;
-        const QString address = group.entries.value(addressKey).trimmed();
+        const QString address = entry(group, addressKey).trimmed();
         if (!address.isEmpty())
             return address;
     }

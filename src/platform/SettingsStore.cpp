@@ -126,10 +126,15 @@ void SettingsStore::reopen()
 
 void SettingsStore::takeStatus()
 {
-    // QSettings keeps the first error it met for the life of the object; after an error, start afresh
-    // so that the next sync reports on itself.
     m_status = m_settings->status();
-    if (m_status != QSettings::NoError)
+}
+
+void SettingsStore::startFresh()
+{
+    // QSettings keeps the first error it met (reading at construction included) for the life of the
+    // object: one that has met an error is replaced before the next write, so that the status after
+    // it is that write's own.
+    if (m_settings->status() != QSettings::NoError)
         reopen();
 }
 
@@ -171,6 +176,7 @@ bool SettingsStore::setValue(const QString& key, const QVariant& value)
 {
     if (key.isEmpty())
         return false;
+    startFresh();
     if (!value.isValid()) {
         m_settings->remove(key);
     } else {
@@ -190,6 +196,7 @@ bool SettingsStore::setValue(const QString& key, const QVariant& value)
 
 bool SettingsStore::sync()
 {
+    startFresh();
     m_settings->sync();
     takeStatus();
     return m_status == QSettings::NoError;

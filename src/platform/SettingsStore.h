@@ -42,8 +42,8 @@ public:
     std::optional<QDateTime> dateValue(const QString& key) const;
 
     // Sets the value (a null QVariant removes the key) and syncs at once. A value that is not a property
-    // list is refused (false, nothing written). Returns whether the domain was written; status() tells
-    // whether the file met on disk was unreadable.
+    // list is refused (false, nothing written). Returns whether this write reached the domain; status()
+    // tells whether the file it met on disk was unreadable.
     bool setValue(const QString& key, const QVariant& value);
     bool remove(const QString& key) { return setValue(key, QVariant()); }
 
@@ -60,6 +60,7 @@ public:
 private:
     void reopen();
     void takeStatus();
+    void startFresh();
 
     QString m_path;
     std::unique_ptr<QSettings> m_settings;

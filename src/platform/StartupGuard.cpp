@@ -1,4 +1,5 @@
 // The start-up guard that refuses systems older than the program supports.
+#include "platform/KeyValueFile.h"
 #include "platform/PrefPaneUtilities.h"
 #include "platform/ProcessLaunch.h"
 #include "platform/Strings.h"
@@ -49,34 +50,27 @@ StartupGuardHooks& hooks()
 }
 
 // The value of KEY=value in an os-release file, with shell quoting removed.
-QString osReleaseValue(const QString& path, const QByteArray& key)
+QString osReleaseValue(const QString& path, const QString& key)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+    const std::optional<QList<KeyValueGroup>> groups = readKeyValueFile(path);
+    if (!groups || groups->isEmpty())
         return QString();
-    const QByteArray prefix = key + '=';
-    while (!file.atEnd()) {
-        const QByteArray line = file.readLine().trimmed();
-        if (!line.startsWith(prefix))
-            continue;
-        QByteArray value = line.mid(prefix.size());
-        if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') &&
-            value.back() == value.front()) {
-            const bool doubleQuoted = value.front() == '"';
-            value = value.mid(1, value.size() - 2);
-            if (doubleQuoted) {
-                QByteArray unescaped;
-                for (qsizetype i = 0; i < value.size(); ++i) {
-                    if (value.at(i) == '\\' && i + 1 < value.size())
-                        ++i;
-                    unescaped += value.at(i);
-                }
-                value = unescaped;
+    QString value = groups->constFirst().value(key).value_or(QString()).trimmed();
+    if (value.size() >= 2 && (value.front() == u'"' || value.front() == u'\'') &&
+        value.back() == value.front()) {
+        const bool doubleQuoted = value.front() == u'"';
+        value = value.mid(1, value.size() - 2);
+        if (doubleQuoted) {
+            QString unescaped;
+            for (qsizetype i = 0; i < value.size(); ++i) {
+                if (value.at(i) == u'\\' && i + 1 < value.size())
+                    ++i;
+                unescaped += value.at(i);
             }
+            value = unescaped;
         }
-        return QString::fromUtf8(value).trimmed();
     }
-    return QString();
+    return value.trimmed();
 }
 
 } // namespace
@@ -92,7 +86,7 @@ void PrefPaneUtilities::setStartupGuardHooks(AlertFunction alert, UrlOpener open
 QString PrefPaneUtilities::vendorProductPage()
 {
     for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
-        const QString url = osReleaseValue(QString::fromLatin1(path), "HOME_URL");
+        const QString url = osReleaseValue(QString::fromLatin1(path), QStringLiteral("HOME_URL"));
         if (!url.isEmpty())
             return url;
         if (QFile::exists(QString::fromLatin1(path)))

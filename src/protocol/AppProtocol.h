@@ -10,6 +10,10 @@
 
 namespace nimbrel {
 
+// Bundle identifiers of the two companions (their Info.plists say so too; these are the fallbacks).
+inline const QString kBackgroundAppIdentifier = QStringLiteral("com.quorvia.Nimbrel");
+inline const QString kMenuBarAppIdentifier = QStringLiteral("com.quorvia.Nimbrel.menu");
+
 inline const QString kAppProtocolService = QStringLiteral("com.quorvia.Nimbrel.Proxy");
 inline const QString kAppProtocolPath = QStringLiteral("/com/quorvia/Nimbrel/Proxy");
 inline const QString kAppProtocolInterface = QStringLiteral("com.quorvia.Nimbrel.AppProtocol");

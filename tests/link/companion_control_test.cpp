@@ -1,126 +1,26 @@
-// NimbrelCom starting and stopping the companions, their login items, and the requests that wait for a
-// confirmation (update check, database reset), against the fake background application in virtual time.
+// NimbrelCom starting and stopping the companions and keeping their login items, the requests that
+// wait for a confirmation (update check, database reset), the support requests, and the shared settings.
 
-#include "link/FakeAppPeer.h"
-#include "link/MockDelegate.h"
-#include "link/NimbrelCom.h"
-#include "protocol/NotificationBus.h"
+#include "link/LinkFixture.h"
 #include "platform/LoginItemsAE.h"
-#include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
-#include "platform/VirtualRunLoop.h"
-#include "support/TestEnvironment.h"
 
-#include <QDir>
-#include <QFile>
 #include <QStandardPaths>
-#include <gtest/gtest.h>
 
-namespace nimbrel {
+namespace nimbrel::test {
 namespace {
 
-using nimbrel::test::s;
-
-void writeFile(const QString& path, const QByteArray& bytes, bool executable = false)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(bytes);
-    file.close();
-    if (executable)
-        file.setPermissions(file.permissions() | QFile::ExeOwner);
-}
-
-void writeAppBundle(const QString& path, const QString& identifier, const QString& executable,
-                    const QByteArray& script)
-{
-    const QVariantMap info{{s("CFBundleIdentifier"), identifier}, {s("CFBundleExecutable"), executable}};
-    QDir().mkpath(path);
-    ASSERT_TRUE(plist::writeFile(path + s("/Info.plist"), info));
-    writeFile(path + u'/' + executable, script, true);
-}
-
-// A pane bundle with both companions; the background application's executable is a script that, run
-// with -sparkle, takes a moment and then leaves a mark, so a test can tell that the link waited.
-QString makePaneBundle()
-{
-    const QString pane = test::makeTempDir() + s("/Nimbrel.prefPane");
-    QDir().mkpath(pane);
-    EXPECT_TRUE(plist::writeFile(pane + s("/Info.plist"), QVariantMap{{s("CFBundleIdentifier"), s("pane")}}));
-    writeAppBundle(pane + s("/Resources/Nimbrel.app"), kBackgroundAppIdentifier, s("Nimbrel"),
-                   "#!/bin/sh\n[ \"$1\" = -sparkle ] && sleep 0.3 && touch \"$HOME/checked\"\n");
-    writeAppBundle(pane + s("/Resources/NimbrelMenu.app"), kMenuBarAppIdentifier, s("NimbrelMenu"),
-                   "#!/bin/sh\n");
-    return pane;
-}
-
-class CompanionControlTest : public ::testing::Test
-{
-protected:
-    CompanionControlTest()
-    {
-        com.setProcessLookup([this](const QString& identifier) -> qint64 {
-            if (identifier == kBackgroundAppIdentifier)
-                return backgroundRunning ? 4242 : 0;
-            return menuRunning ? 4343 : 0;
-        });
-        com.setApplicationLauncher([this](const QString& path) {
-            launched << QFileInfo(path).fileName();
-            return true;
-        });
-        com.setApplicationTerminator([this](qint64 pid) { terminated << pid; });
-        com.setHandshakeTimeout(300);
-        fence.addObserver(s("fence"), [this] { ++fences; });
-    }
-
-    void activate(bool running)
-    {
-        backgroundRunning = running;
-        ASSERT_TRUE(peer.start());
-        com.activate();
-        delegate.take();
-    }
-
-    QStringList deliver(const QString& name)
-    {
-        const int before = fences;
-        EXPECT_TRUE(peer.post(name) && peer.post(s("fence")));
-        EXPECT_TRUE(test::waitUntil([&] { return fences > before; }));
-        return delegate.take();
-    }
-
-    bool loginItem(const QString& app)
-    {
-        return com.startsAtLogin(com.bundle().pathForResource(app, s("app")));
-    }
-
-    VirtualRunLoop loop;
-    test::MockDelegate delegate;
-    test::FakeAppPeer peer;
-    NotificationBus fence;
-    int fences = 0;
-    bool backgroundRunning = false;
-    bool menuRunning = false;
-    QStringList launched;
-    QList<qint64> terminated;
-    NimbrelCom com{&delegate, Bundle(makePaneBundle()), &loop};
-};
-
-TEST_F(CompanionControlTest, StartingAnswersOnRunningOrAfterTwentySeconds)
+TEST_F(LinkTest, StartingAnswersOnRunningOrEndsNotRespondingAndKeepsRetrying)
 {
     activate(false);
     com.setBackgroundAppRunning(true);
     EXPECT_EQ(launched, QStringList{s("Nimbrel.app")});
-    EXPECT_TRUE(loginItem(s("Nimbrel")));
+    EXPECT_TRUE(loginItem());
     EXPECT_TRUE(delegate.take().isEmpty()); // the state stays until confirmed
-
-    // The application comes up and says so: the time-out is gone.
     backgroundRunning = true;
     EXPECT_EQ(deliver(s("Nimbrel Running")).first(), s("StateChange(1,1)"));
-    EXPECT_TRUE(com.isConnected());
     loop.advance(60);
-    EXPECT_TRUE(delegate.take().isEmpty());
+    EXPECT_TRUE(delegate.take().isEmpty()); // the time-out is gone
 
     // Asked for what already holds: answered at once, nothing launched, no timer, login item untouched.
     ASSERT_EQ(LIAERemove(0), noErr);
@@ -128,22 +28,18 @@ TEST_F(CompanionControlTest, StartingAnswersOnRunningOrAfterTwentySeconds)
     EXPECT_EQ(delegate.take(), QStringList{s("StateChange(1,1)")});
     EXPECT_EQ(launched.size(), 1);
     EXPECT_EQ(loop.pendingPerformCount(), 0);
-    EXPECT_FALSE(loginItem(s("Nimbrel")));
-}
+    EXPECT_FALSE(loginItem());
 
-TEST_F(CompanionControlTest, ALaunchThatNeverAnswersEndsNotRespondingAndKeepsRetrying)
-{
+    // A launch that never answers: not responding after 20 s, then an attempt each second while the
+    // process exists; the first that answers 5 recovers.
     activate(false);
     com.setBackgroundAppRunning(true);
-    backgroundRunning = true; // the process exists but never serves
+    backgroundRunning = true;
     peer.stop();
     loop.advance(19.9);
     EXPECT_TRUE(delegate.take().isEmpty());
     loop.advance(0.1);
     EXPECT_EQ(delegate.take().first(), s("StateChange(1,0)"));
-    EXPECT_FALSE(com.backgroundAppResponsive());
-
-    // Each second another attempt while the process exists; the first that answers 5 recovers.
     loop.advance(1.0);
     EXPECT_EQ(delegate.take().first(), s("StateChange(1,0)"));
     ASSERT_TRUE(peer.start());
@@ -152,21 +48,19 @@ TEST_F(CompanionControlTest, ALaunchThatNeverAnswersEndsNotRespondingAndKeepsRet
     EXPECT_EQ(loop.pendingPerformCount(), 0);
 }
 
-TEST_F(CompanionControlTest, StoppingSendsShutdownAndRemovesTheLoginItem)
+TEST_F(LinkTest, StoppingSendsShutdownRemovesTheLoginItemAndSilenceEndsNotResponding)
 {
     com.setStartsAtLogin(true, com.backgroundAppPath());
-    activate(true);
+    activate();
     com.setBackgroundAppRunning(false);
     EXPECT_TRUE(peer.waitForCall(s("shutdown")));
-    EXPECT_FALSE(loginItem(s("Nimbrel")));
+    EXPECT_FALSE(loginItem());
     backgroundRunning = false;
     EXPECT_EQ(deliver(s("Nimbrel Stopped")).first(), s("StateChange(0,1)"));
     EXPECT_FALSE(com.isConnected());
-    loop.advance(60);
-    EXPECT_TRUE(delegate.take().isEmpty());
 
     // An application that quits without saying so ends "not responding", not "stopped".
-    activate(true);
+    activate();
     com.setBackgroundAppRunning(false);
     backgroundRunning = false;
     loop.advance(20);
@@ -174,28 +68,24 @@ TEST_F(CompanionControlTest, StoppingSendsShutdownAndRemovesTheLoginItem)
 
     // stopBackgroundApp only asks: no timer, no login item change.
     com.setStartsAtLogin(true, com.backgroundAppPath());
-    activate(true);
-    peer.clearCalls();
+    activate();
     const int pending = loop.pendingPerformCount();
     com.stopBackgroundApp();
-    EXPECT_TRUE(peer.waitForCall(s("shutdown")));
+    EXPECT_TRUE(peer.waitForCall(s("shutdown"), 5000, 2));
     EXPECT_EQ(loop.pendingPerformCount(), pending);
-    EXPECT_TRUE(loginItem(s("Nimbrel")));
+    EXPECT_TRUE(loginItem());
 }
 
-TEST_F(CompanionControlTest, MenuBarAppStartsAndQuitsWithoutWaiting)
+TEST_F(LinkTest, MenuBarAppStartsAndQuitsWithoutWaiting)
 {
     activate(false);
     com.setMenuBarAppRunning(true);
     EXPECT_EQ(launched, QStringList{s("NimbrelMenu.app")});
-    EXPECT_TRUE(com.menuBarAppRunning());
-    EXPECT_TRUE(com.launchMenuBarAppAtStartup());
+    EXPECT_TRUE(com.menuBarAppRunning() && com.launchMenuBarAppAtStartup());
     EXPECT_FALSE(com.launchBackgroundAppAtStartup());
-
     menuRunning = true;
     com.setMenuBarAppRunning(true); // already so: nothing
     EXPECT_EQ(launched.size(), 1);
-
     com.setMenuBarAppRunning(false);
     EXPECT_EQ(terminated, QList<qint64>{4343});
     EXPECT_FALSE(com.menuBarAppRunning()); // recorded at once, whatever the process does
@@ -203,98 +93,145 @@ TEST_F(CompanionControlTest, MenuBarAppStartsAndQuitsWithoutWaiting)
     EXPECT_TRUE(delegate.take().isEmpty());
 }
 
-TEST_F(CompanionControlTest, LoginItemsMatchByPlainURLWithoutResolvingLinks)
+TEST_F(LinkTest, LoginItemsMatchByPlainURLWithoutResolvingLinks)
 {
-    const QString link = test::makeTempDir() + s("/linked.prefPane");
+    const QString link = makeTempDir() + s("/linked.prefPane");
     ASSERT_TRUE(QFile::link(com.bundle().bundlePath(), link));
     NimbrelCom viaLink(&delegate, Bundle(link), &loop);
     viaLink.setStartsAtLogin(true, viaLink.backgroundAppPath());
     EXPECT_TRUE(viaLink.launchBackgroundAppAtStartup());
     EXPECT_FALSE(com.launchBackgroundAppAtStartup()); // the same bundle, reached by another path
-
     // Adding through the real path rewrites the entry (one per bundle identifier), which now names it.
     com.setStartsAtLogin(true, com.backgroundAppPath());
-    std::unique_ptr<QVariantList> items;
-    ASSERT_EQ(LIAECopyLoginItems(&items), noErr);
-    EXPECT_EQ(items->size(), 1);
     EXPECT_TRUE(com.launchBackgroundAppAtStartup());
     EXPECT_FALSE(viaLink.launchBackgroundAppAtStartup());
 }
 
-TEST_F(CompanionControlTest, UpdateCheckIsConfirmedOrTimesOut)
+TEST_F(LinkTest, UpdateCheckIsConfirmedOrTimesOutAndWithoutTheApplicationWaitsForTheChild)
 {
-    activate(true);
+    activate();
     com.checkForUpdate();
     com.checkForUpdate();
     EXPECT_TRUE(peer.waitForCall(s("checkForUpdate"), 5000, 2));
-    // One confirmation ends both waits.
-    EXPECT_EQ(deliver(s("Nimbrel Bonjour Checked Update")), QStringList{s("CheckedForUpdate")});
+    EXPECT_EQ(deliver(s("Nimbrel Bonjour Checked Update")), QStringList{s("CheckedForUpdate")}); // ends both
     loop.advance(30);
     EXPECT_TRUE(delegate.take().isEmpty());
-
     com.checkForUpdate();
     loop.advance(20);
     EXPECT_EQ(delegate.take(), QStringList{s("CheckedForUpdate")});
-}
 
-TEST_F(CompanionControlTest, UpdateCheckWithoutTheApplicationWaitsForTheChild)
-{
     activate(false);
-    const QString mark = QDir::homePath() + s("/checked");
     com.checkForUpdate();
-    EXPECT_TRUE(QFile::exists(mark)); // the child ran to its end before checkForUpdate returned
+    EXPECT_TRUE(QFile::exists(QDir::homePath() + s("/checked"))); // the child ended before it returned
     EXPECT_EQ(delegate.take(), QStringList{s("CheckedForUpdate")});
-    EXPECT_EQ(peer.callCount(s("checkForUpdate")), 0);
+    EXPECT_EQ(peer.callCount(s("checkForUpdate")), 3); // none from the stand-alone check
 }
 
-TEST_F(CompanionControlTest, DatabaseResetAnswersAtOnceWithoutADatabaseElseWaitsNinetySeconds)
+TEST_F(LinkTest, DatabaseResetAnswersAtOnceWithoutADatabaseElseWaitsNinetySeconds)
 {
-    activate(true);
+    activate();
     com.setStartsAtLogin(true, com.backgroundAppPath());
     com.resetDatabase();
     EXPECT_EQ(delegate.take(), QStringList{s("ResetFinished(1)")});
-    EXPECT_FALSE(loginItem(s("Nimbrel")));
+    EXPECT_FALSE(loginItem());
     EXPECT_EQ(loop.pendingPerformCount(), 0);
 
-    const QString database =
-        QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + s("/Nimbrel/Nimbrel.nsql");
-    writeFile(database, "x");
+    writeFile(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+                  s("/Nimbrel/Nimbrel.nsql"),
+              "x");
     ASSERT_TRUE(com.backgroundAppDatabaseExists());
     com.resetDatabase();
     EXPECT_TRUE(peer.waitForCall(s("resetDatabase")));
     EXPECT_EQ(deliver(s("Nimbrel Reset")), QStringList{s("ResetFinished(1)")});
     loop.advance(100);
     EXPECT_TRUE(delegate.take().isEmpty());
-
     com.resetDatabase();
     loop.advance(89.9);
     EXPECT_TRUE(delegate.take().isEmpty());
     loop.advance(0.1);
     EXPECT_EQ(delegate.take(), QStringList{s("ResetFinished(0)")});
-
-    // A confirmation nobody waits for still reaches the pane.
-    EXPECT_EQ(deliver(s("Nimbrel Reset")), QStringList{s("ResetFinished(1)")});
+    EXPECT_EQ(deliver(s("Nimbrel Reset")), QStringList{s("ResetFinished(1)")}); // nobody waits: still told
 }
 
-TEST_F(CompanionControlTest, SupportRequestsReachTheApplication)
+// The support request waits for the application's answer, and the reset date is in the settings before
+// the application hears that the history was reset.
+TEST_F(LinkTest, SupportInfoWaitsForTheAnswerAndTheResetDateIsWrittenFirst)
 {
-    activate(true);
-    com.syncHistoryWillBeReset();
-    EXPECT_TRUE(peer.waitForCall(s("syncHistoryWillBeReset")));
-    com.syncHistoryWasReset();
-    EXPECT_TRUE(peer.waitForCall(s("syncHistoryWasReset")));
-    SettingsStore settings(SettingsStore::domainPath(kBackgroundAppIdentifier));
-    EXPECT_TRUE(settings.dateValue(s("lastResetDate")).has_value());
-
-    com.log(s("100% %d %@ done"));
-    ASSERT_TRUE(peer.waitForCall(s("log")));
-    EXPECT_EQ(peer.calls(s("log")).first().arguments, QVariantList{s("100% %d %@ done")});
-
-    // techSupportInfo waits for the reply: the slow answer is in before it returns.
-    peer.setReplyDelay(s("techSupportInfo"), 200);
+    activate();
+    peer.setReplyDelay(s("techSupportInfo"), 300);
     com.techSupportInfo();
-    EXPECT_EQ(peer.callCount(s("techSupportInfo")), 1);
+    EXPECT_TRUE(peer.calls(s("techSupportInfo")).value(0).answered);
+
+    SettingsStore settings(SettingsStore::domainPath(kBackgroundAppIdentifier));
+    std::optional<bool> dateWasThere;
+    AppProtocolProxy::setOutgoingObserver([&](const QString& method) {
+        if (method == s("syncHistoryWasReset"))
+            dateWasThere = SettingsStore(settings.path()).dateValue(s("lastResetDate")).has_value();
+    });
+    com.syncHistoryWasReset();
+    AppProtocolProxy::setOutgoingObserver({});
+    EXPECT_EQ(dateWasThere, std::optional<bool>(true));
+}
+
+TEST_F(LinkTest, FirstLaunchAnswersOnceAndMarksTheDomain)
+{
+    SettingsStore& domain = com.sharedSettings();
+    // Stored "welcomed" and "welcome" (null: absent), then the answer and the welcome flag it yields.
+    const std::tuple<QVariant, QVariant, bool, bool> cases[] = {
+        {{}, {}, true, false},       {true, true, false, false},   {false, {}, true, false},
+        {s("yes"), {}, true, false}, {qint64(1), {}, true, false}, {{}, true, true, true},
+        {{}, false, true, false},    {{}, qint64(1), true, false}};
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto& [welcomed, welcome, first, outWelcome] = cases[i];
+        SCOPED_TRACE(i);
+        ASSERT_TRUE(domain.setValue(s("welcomed"), welcomed) && domain.setValue(s("welcome"), welcome));
+        bool answer = true;
+        EXPECT_EQ(com.firstLaunch(&answer), first);
+        EXPECT_EQ(answer, outWelcome);
+        const SettingsStore disk(domain.path()); // as the background application sees it
+        EXPECT_EQ(disk.boolValue(s("welcomed")), std::optional<bool>(true));
+        EXPECT_EQ(disk.value(s("welcome")), first ? QVariant() : welcome); // read once, whatever its type
+        EXPECT_FALSE(com.firstLaunch(&answer) || answer);
+    }
+}
+
+TEST_F(LinkTest, UpdateCheckIntervalAndLastCheckTime)
+{
+    // A background application whose built-in defaults turn checking off.
+    const QString pane = makeTempDir() + s("/Test.prefPane");
+    writePlist(pane + s("/Info.plist"), QVariantMap());
+    const QString app = makeAppBundle(pane + s("/Resources/Nimbrel.app"), s("org.example.a"));
+    const QString interval = s("checkForUpdateInterval");
+    writePlist(app + s("/Resources/UserDefaults.plist"), QVariantMap{{interval, 1e9}});
+    NimbrelCom off(&delegate, Bundle(pane), &loop);
+    EXPECT_EQ(off.sharedSettings().path(), SettingsStore::domainPath(s("org.example.a")));
+
+    // Per link, the stored interval (null: absent) and whether automatic checking is then on.
+    const std::pair<NimbrelCom*, std::vector<std::pair<QVariant, bool>>> cases[] = {
+        {&com, {{{}, true}, {86400.0, true}, {1e9, false}, {999999999.0, true}, {qint64(1000000000), false}}},
+        {&off, {{{}, false}, {86400.0, true}, {s("5"), false}}}};
+    for (const auto& [link, rows] : cases) {
+        for (const auto& [stored, on] : rows) {
+            ASSERT_TRUE(link->sharedSettings().setValue(interval, stored));
+            EXPECT_EQ(link->autoCheckForUpdates(), on) << (link == &off) << qPrintable(stored.toString());
+        }
+    }
+    for (const bool on : {true, false, true}) {
+        off.setAutoCheckForUpdates(on);
+        EXPECT_EQ(SettingsStore(off.sharedSettings().path()).numberValue(interval),
+                  std::optional<double>(on ? 86400.0 : 1e9));
+        EXPECT_EQ(off.autoCheckForUpdates(), on);
+    }
+    const QDateTime checked = QDateTime::fromSecsSinceEpoch(1700000000, Qt::UTC);
+    const QDateTime reference = QDateTime::fromSecsSinceEpoch(978307200, Qt::UTC); // 2001-01-01
+    for (const auto& [stored, expected] : {std::pair<QVariant, QDateTime>{checked, checked},
+                                           {QVariant(), reference},
+                                           {s("2023-11-14T22:13:20Z"), reference},
+                                           {qint64(1700000000), reference}}) {
+        ASSERT_TRUE(com.sharedSettings().setValue(s("SULastCheckTime"), stored));
+        EXPECT_EQ(com.lastUpdateCheckTime(), expected) << qPrintable(stored.toString());
+    }
 }
 
 } // namespace
-} // namespace nimbrel
+} // namespace nimbrel::test

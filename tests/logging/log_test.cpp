@@ -150,6 +150,50 @@ TEST_F(LogTest, LevelsDecideWhereALineGoesAndWhenItIsFlushedAndItsFormat)
                               "2023-11-14 22:14:21.062 - 42 7 x % no arguments: %d %s %@ %n %5.2f 100%\n");
 }
 
+// Text from outside (a network name, a calendar title, the log operation's message) can never write a
+// line of its own into either log, and one huge message cannot push the filtered log over its limit.
+TEST_F(LogTest, AMessageIsAlwaysOneLineOfAtMost8KiB)
+{
+    const QString main = startLog();
+    OpenFilteredLogFile(kName, false, false);
+    const std::pair<std::string, std::string> cases[] = {
+        {"x\n2009-01-01 00:00:00.000 - *** forged", "x\\n2009-01-01 00:00:00.000 - *** forged"},
+        {"\x1b[2J\x1b[31mred\r\tbell\a\x7f", "\\x1B[2J\\x1B[31mred\\x0D\\x09bell\\x07\\x7F"},
+        {"csi \xc2\x9b"
+         "31m nbsp\xc2\xa0",
+         "csi \\xC2\\x9B31m nbsp\xc2\xa0"}, // C1 controls too, not U+00A0
+        {"caf\xc3\xa9 \xf0\x9f\x93\x85", "caf\xc3\xa9 \xf0\x9f\x93\x85"},
+        {"broken \xc3\nline \xe2\x82", "broken \xc3\\nline \xe2\x82"}, // no newline hides in bad UTF-8
+    };
+    for (const auto& [message, expected] : cases)
+        Log(10, "%@", message);
+    LogFlush();
+    QStringList lines;
+    for (const auto& [message, expected] : cases)
+        lines << QString::fromUtf8(expected);
+    EXPECT_EQ(messages(main), lines);
+    EXPECT_EQ(messages(filteredLogFilePath(kName)), lines);
+
+    // Long messages are cut at a character, never inside one or inside an escape, and say how much
+    // is missing; a 10 MiB one leaves the filtered log well under its limit.
+    const std::string huge(10 << 20, 'a');
+    const std::pair<std::string, std::string> cut[] = {
+        {std::string(8191, 'a') + "\xc3\xa9" + "b", std::string(8191, 'a') + " [\xe2\x80\xa6 3 more bytes]"},
+        {std::string(8190, 'a') + "\n\n", std::string(8190, 'a') + "\\n [\xe2\x80\xa6 1 more bytes]"},
+        {std::string(8192, 'a'), std::string(8192, 'a')},
+        {huge, std::string(8192, 'a') + " [\xe2\x80\xa6 10477568 more bytes]"},
+    };
+    QFile(main).resize(0);
+    QFile(filteredLogFilePath(kName)).resize(0);
+    gFilteredLogBytes = 0;
+    for (const auto& [message, expected] : cut) {
+        Log(10, "%@", message);
+        LogFlush();
+        EXPECT_EQ(messages(main).last().toStdString(), expected);
+    }
+    EXPECT_EQ(messages(filteredLogFilePath(kName)).size(), 4) << "the filtered log was not emptied";
+}
+
 TEST(LogFormat, DirectivesArgumentsThatDoNotFitAndRotatedNameDate)
 {
     using A = std::vector<LogArgument>;
@@ -358,7 +402,9 @@ TEST_F(LogTest, BadNamesRefusedAndReopenFailureReportedWithTheNameAsOneArgument)
     LogFlush();
     EXPECT_EQ(contents(arguments),
               (name + QStringLiteral(" could not reopen stderr (%1)").arg(EISDIR)).toUtf8() + '\0');
-    EXPECT_TRUE(contents(capture).endsWith(" - " + (name + QLatin1String(" log file rotated\n")).toUtf8()));
+    const QString escaped = QString(name).replace(QLatin1Char('\n'), QLatin1String("\\n"));
+    EXPECT_TRUE(
+        contents(capture).endsWith(" - " + (escaped + QLatin1String(" log file rotated\n")).toUtf8()));
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("pwned")));
 }
 

@@ -100,7 +100,6 @@ protected:
         writeFile(logFolder + QStringLiteral("/Nimbrel.log"), "main\n");
         writeFile(logFolder + QStringLiteral("/Nimbrel.filteredlog"), "filtered\n");
         writeFile(logFolder + QStringLiteral("/older/Nimbrel-2024-01-01.log"), "old\n");
-        QFile::remove(zipPath);
         QFile::remove(desktopZip);
         // Log lines go to standard error: catch them in a file.
         std::fflush(stderr);
@@ -131,43 +130,71 @@ protected:
 
     FakeRunner runner;
     ProcessRunner& real = processRunner(); // the default: TearDown takes the fake out again
+    // The zip the last call made (its path is the archiver's fourth argument).
+    QString zipMade() const
+    {
+        return runner.calls.value(kZip).value(runner.calls.value(kZip).size() - 1).value(3);
+    }
+
+    static constexpr QFile::Permissions kOthers = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup |
+                                                  QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
     QStringList opened;
     const QString logFolder = makeTempDir() + QStringLiteral("/Nimbrel");
-    const QString zipPath = QDir::tempPath() + QStringLiteral("/Nimbrel.zip");
     const QString desktopZip =
         QStandardPaths::writableLocation(QStandardPaths::DesktopLocation) + QStringLiteral("/Nimbrel.zip");
     const QString stderrPath = makeTempDir() + QStringLiteral("/stderr.txt");
     int savedStderr = -1;
 };
 
-TEST_F(SupportBundleTest, ZipReplacesAnOldOneAndHoldsTheLogsAtTopLevel)
+// The zip, and the system log that goes into it, are made in a private folder under $XDG_RUNTIME_DIR,
+// never at a fixed name in the shared temporary folder; the folder stays while the mail program may
+// still read the zip, and goes with the next request.
+TEST_F(SupportBundleTest, ZipHoldsTheLogsAtTopLevelInAPrivateFolderThatGoesAfterUse)
 {
-    writeFile(zipPath, "not a zip from an earlier run");
+    const QString planted = QDir::tempPath() + QStringLiteral("/Nimbrel.zip");
+    writeFile(planted, "planted by another user");
     ASSERT_TRUE(email());
-    EXPECT_EQ(zipEntries(zipPath),
+    const QString zip = zipMade();
+    const QFileInfo folder(QFileInfo(zip).path());
+    EXPECT_EQ(QFileInfo(zip).fileName(), QStringLiteral("Nimbrel.zip"));
+    EXPECT_EQ(folder.path(), qEnvironmentVariable("XDG_RUNTIME_DIR"));
+    EXPECT_EQ(folder.permissions() & kOthers, QFile::Permissions());
+    EXPECT_EQ(QFileInfo(zip).permissions() & kOthers, QFile::Permissions());
+    EXPECT_EQ(readFile(planted), "planted by another user");
+    EXPECT_EQ(zipEntries(zip),
               (QStringList{QStringLiteral("Nimbrel-2024-01-01.log"), QStringLiteral("Nimbrel.filteredlog"),
                            QStringLiteral("Nimbrel.log")}));
-    EXPECT_EQ(QFileInfo(zipPath).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
-    EXPECT_EQ(runner.calls[kSh], (QList<QStringList>{{kScript, kSubject, zipPath}}));
+    EXPECT_EQ(runner.calls[kSh], (QList<QStringList>{{kScript, kSubject, zip}}));
 
     runner.handlers[kJournal] = [](const QStringList&) { return exited(0, "journal 1\njournal 2\n"); };
     ASSERT_TRUE(email(true));
-    EXPECT_EQ(unzip({QStringLiteral("-p"), zipPath, QStringLiteral("system.log")}), "journal 1\njournal 2\n");
+    EXPECT_FALSE(QFileInfo::exists(folder.filePath())) << "the last request's folder goes with the next one";
+    EXPECT_EQ(unzip({QStringLiteral("-p"), zipMade(), QStringLiteral("system.log")}),
+              "journal 1\njournal 2\n");
+    EXPECT_EQ(QDir(QFileInfo(zipMade()).path()).entryList(QDir::Files),
+              QStringList{QStringLiteral("Nimbrel.zip")});
+
+    const QByteArray runtime = qgetenv("XDG_RUNTIME_DIR");
+    qunsetenv("XDG_RUNTIME_DIR");
+    ASSERT_TRUE(email());
+    qputenv("XDG_RUNTIME_DIR", runtime);
+    EXPECT_EQ(QFileInfo(QFileInfo(zipMade()).path()).path(), QDir::tempPath());
 }
 
 TEST_F(SupportBundleTest, WithoutJournalTheSyslogIsCopiedAndCutToItsTail)
 {
     if (QFileInfo(QStringLiteral("/var/log/syslog")).isReadable())
         GTEST_SKIP() << "/var/log/syslog is readable here: no privileged copy is asked for";
-    const QString copy = QDir::tempPath() + QStringLiteral("/system_copy.log");
     runner.handlers[kJournal] = [](const QStringList&) { return exited(1); };
     runner.handlers[kPkexec] = [](const QStringList& args) {
         writeFile(args.value(5), numberedLines(1, 10005));
         return exited(0);
     };
     ASSERT_TRUE(email(true));
+    const QString copy = QFileInfo(zipMade()).path() + QStringLiteral("/system_copy.log");
     EXPECT_EQ(runner.calls[kPkexec].value(0).mid(4), (QStringList{QStringLiteral("/var/log/syslog"), copy}));
-    EXPECT_EQ(unzip({QStringLiteral("-p"), zipPath, QStringLiteral("system.log")}), numberedLines(6, 10005));
+    EXPECT_EQ(unzip({QStringLiteral("-p"), zipMade(), QStringLiteral("system.log")}),
+              numberedLines(6, 10005));
     EXPECT_FALSE(QFile::exists(copy));
 }
 
@@ -176,6 +203,7 @@ TEST_F(SupportBundleTest, ZipFailureIsLoggedWithItsStatus)
     runner.handlers[kZip] = [](const QStringList&) { return exited(12); };
     EXPECT_FALSE(email());
     EXPECT_TRUE(logged().contains(QStringLiteral("emailLogFiles: zip failed 12\n")));
+    EXPECT_FALSE(QFileInfo::exists(QFileInfo(zipMade()).path()));
     EXPECT_FALSE(runner.calls.contains(kSh));
     EXPECT_TRUE(opened.isEmpty());
 }
@@ -190,7 +218,7 @@ TEST_F(SupportBundleTest, ScriptFailureMovesTheZipToTheDesktopAndOpensTheMessage
     ASSERT_TRUE(email());
     EXPECT_TRUE(logged().contains(QStringLiteral(
         "emailLogFiles: AppleScript failed exit status 1; stderr: xdg-email: no method available")));
-    EXPECT_FALSE(QFile::exists(zipPath));
+    EXPECT_FALSE(QFileInfo::exists(QFileInfo(zipMade()).path()));
     EXPECT_EQ(zipEntries(desktopZip).size(), 3);
     EXPECT_EQ(opened, QStringList{kExpectedUrl});
 }
@@ -264,35 +292,14 @@ QByteArray syslogStamp(qint64 secondsAgo)
            t.time().toString(QStringLiteral("HH:mm:ss")).toUtf8();
 }
 
-TEST_F(SupportBundleTest, ICalScanLogsTheLastFiveMatchesAtLevel13)
+// The scan runs nothing before 10.5, picks its patterns by version, counts only lines newer than the
+// date, and logs the last five matches at level 13, one line each.
+TEST_F(SupportBundleTest, ICalScanPatternsByVersionNewerLinesOnlyTheLastFiveLogged)
 {
-    setSystemVersionSource(fixedSystemVersion(0x100411)); // 10.4: nothing is looked at
+    setSystemVersionSource(fixedSystemVersion(0x100411));
     EXPECT_FALSE(iCalErrorsInConsole({}));
     EXPECT_TRUE(runner.calls.isEmpty());
 
-    setSystemVersionSource(fixedSystemVersion(0x100508));
-    QByteArray journal = syslogStamp(60) + " host other[1]: unrelated\n";
-    for (int i = 1; i <= 7; ++i)
-        journal += syslogStamp(60) + kNewError + " #" + QByteArray::number(i) + '\n';
-    runner.handlers[kJournal] = [&](const QStringList&) { return exited(0, journal); };
-    SetLogLevel(14);
-    EXPECT_TRUE(iCalErrorsInConsole({}));
-    EXPECT_TRUE(logged().isEmpty());
-    SetLogLevel(13);
-    EXPECT_TRUE(iCalErrorsInConsole({}));
-    const QString log = logged();
-    EXPECT_TRUE(log.contains(QStringLiteral("iCalExternalSync errors detected\n")));
-    for (int i = 1; i <= 7; ++i)
-        EXPECT_EQ(log.contains(QStringLiteral("statement #%1\n").arg(i)), i > 2) << i;
-    EXPECT_FALSE(log.contains(QStringLiteral("unrelated")));
-
-    journal = "Mar  4 09:26:53 host other[1]: nothing of interest\n";
-    EXPECT_FALSE(iCalErrorsInConsole({}));
-    EXPECT_EQ(logged(), log);
-}
-
-TEST_F(SupportBundleTest, ICalScanPatternsFollowTheVersionAndOnlyNewerErrorsCount)
-{
     const QDateTime now = QDateTime::currentDateTime();
     const QByteArray hourAgo = syslogStamp(3600), exception = " x: [ICalExternalSync ]NSException name:";
     const QByteArray isoHourAgo =
@@ -307,19 +314,31 @@ TEST_F(SupportBundleTest, ICalScanPatternsFollowTheVersionAndOnlyNewerErrorsCoun
              {0x100508, hourAgo + exception + "NSInvalidArgumentException reason:other", 0, false},
              {0x100508, hourAgo + exception + "NSInvalidArgumentException reason:***", 0, true},
              {0x100500, hourAgo + exception + "ISyncInvalidRecordException", 0, true},
-             {0x100500, hourAgo + " x: ICalExternalSync NSException name:ISyncInvalidRecordException", 0,
-              false},
              {0x100508, hourAgo + kNewError, 7200, true},
              {0x100508, hourAgo + kNewError, 1800, false},
-             {0x100508, isoHourAgo + kNewError, 7200, true}, // the ISO stamps of Debian's syslog
-             {0x100508, isoHourAgo + kNewError, 1800, false},
-             {0x100508, "garbage" + kNewError, 7200, false}, // an unreadable stamp is never newer...
-             {0x100508, "garbage" + kNewError, 0, true}}) {  // ...but counts when there is no date
+             {0x100508, isoHourAgo + kNewError, 1800, false}, // the ISO stamps of Debian's syslog
+             {0x100508, "garbage" + kNewError, 7200, false},  // an unreadable stamp is never newer...
+             {0x100508, "garbage" + kNewError, 0, true}}) {   // ...but counts when there is no date
         SCOPED_TRACE(line.constData());
         setSystemVersionSource(fixedSystemVersion(version));
         journal = line + '\n';
         EXPECT_EQ(iCalErrorsInConsole(since ? now.addSecs(-since) : QDateTime()), found);
     }
+
+    journal = syslogStamp(60) + " host other[1]: unrelated\n";
+    for (int i = 1; i <= 7; ++i)
+        journal += syslogStamp(60) + kNewError + " #" + QByteArray::number(i) + '\n';
+    SetLogLevel(14);
+    const QString before = logged();
+    EXPECT_TRUE(iCalErrorsInConsole({}));
+    EXPECT_EQ(logged(), before);
+    SetLogLevel(13);
+    EXPECT_TRUE(iCalErrorsInConsole({}));
+    const QString log = logged().mid(before.size());
+    EXPECT_TRUE(log.contains(QStringLiteral("iCalExternalSync errors detected\n")));
+    for (int i = 1; i <= 7; ++i)
+        EXPECT_EQ(log.contains(QStringLiteral("statement #%1\n").arg(i)), i > 2) << i;
+    EXPECT_FALSE(log.contains(QStringLiteral("unrelated")));
 }
 
 // ---- The mail script as installed in the pane bundle, run against a stand-in xdg-email -------------

@@ -344,5 +344,46 @@ TEST_F(CalendarRequests, OptionsSheetsHandTheCallersRecordOnUnchanged)
     EXPECT_EQ(calendar.title(), QVariant(s("B")));
 }
 
+// The row keeps its record flat; what it reads and how it compares must be the dictionary's own.
+TEST(CalendarRecord, ReadsAndComparesAsTheDictionaryDoes)
+{
+    const QVariantMap base{{s("uid"), s("A")}, {s("order"), qint64(1)}, {s("readOnly"), true}};
+    const auto with = [&base](const char* key, const QVariant& value) {
+        QVariantMap changed = base;
+        changed.insert(s(key), value);
+        return changed;
+    };
+    const QVariantMap others[] = {
+        base,
+        with("order", 1),   // another integer type, equal by value as QVariant has it
+        with("order", 1.0), // a real, equal by value too
+        with("order", qint64(2)),
+        with("readOnly", qint64(1)), // a boolean against a number
+        with("uid", s("a")),
+        with("uid", QVariant()), // a null value is still an entry
+        with("extra", false),
+        QVariantMap{{s("uid"), s("A")}},
+        QVariantMap(),
+    };
+    for (const QVariantMap& other : others) {
+        EXPECT_EQ(CalendarRecord(base) == CalendarRecord(other), base == other)
+            << other.keys().join(u',').toStdString();
+        EXPECT_EQ(CalendarRecord(other).toMap(), other);
+    }
+    CalendarRecord record(base);
+    record.insert(s("b"), s("between"));
+    record.insert(s("order"), qint64(3));
+    record.remove(s("uid"));
+    record.remove(s("absent"));
+    QVariantMap expected = base;
+    expected.insert(s("b"), s("between"));
+    expected.insert(s("order"), qint64(3));
+    expected.remove(s("uid"));
+    EXPECT_EQ(record.toMap(), expected);
+    EXPECT_TRUE(record == CalendarRecord(expected)) << "kept in key order";
+    EXPECT_EQ(record.value(s("b")), QVariant(s("between")));
+    EXPECT_FALSE(record.value(s("uid")).isValid());
+}
+
 } // namespace
 } // namespace nimbrel

@@ -2,7 +2,6 @@
 // removed, and the preconditions that end the process.
 
 #include "platform/LoginItemsAE.h"
-#include "platform/PlistCodec.h"
 #include "support/TestEnvironment.h"
 
 #include <QDir>
@@ -16,32 +15,17 @@ namespace {
 
 using nimbrel::test::s;
 
-QString writeFile(const QString& path, const QByteArray& bytes, bool executable = false)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly)) << qPrintable(path);
-    file.write(bytes);
-    file.close();
-    if (executable)
-        file.setPermissions(file.permissions() | QFile::ExeOwner | QFile::ExeUser);
-    return path;
-}
+using test::writeFile;
 
 QString makeProgram(const QString& path)
 {
     return writeFile(path, "#!/bin/sh\n", true);
 }
 
-// An app bundle `folder` in `parent`: Info.plist with `identifier`, `extra` and CFBundleExecutable "run".
+// An app bundle `folder` in `parent` with `identifier` and `extra` in its Info.plist.
 QString makeApp(const QString& parent, const char* folder, const char* identifier, QVariantMap extra = {})
 {
-    const QString path = parent + QLatin1Char('/') + s(folder);
-    extra.insert(s("CFBundleIdentifier"), s(identifier));
-    extra.insert(s("CFBundleExecutable"), s("run"));
-    makeProgram(path + s("/run"));
-    EXPECT_TRUE(plist::writeFile(path + s("/Info.plist"), extra));
-    return path;
+    return test::makeAppBundle(parent + u'/' + s(folder), s(identifier), s("run"), "#!/bin/sh\n", extra);
 }
 
 QString entryPath(const QString& fileName)

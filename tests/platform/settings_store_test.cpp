@@ -91,6 +91,16 @@ TEST(SettingsStore, RefusalsRemovalsAndWriteErrors)
     SettingsStore blocked(path + QStringLiteral("/domain.plist"));
     EXPECT_FALSE(blocked.setValue(QStringLiteral("key"), true));
     EXPECT_EQ(blocked.status(), QSettings::AccessError);
+
+    // A file that cannot be read fails the write; once it can, the next write reports its own success.
+    const QString unreadable = dir + QStringLiteral("/unreadable.plist");
+    ASSERT_TRUE(QDir().mkpath(unreadable));
+    SettingsStore store2(unreadable);
+    EXPECT_FALSE(store2.setValue(QStringLiteral("checkForUpdateInterval"), 86400.0));
+    ASSERT_TRUE(QDir().rmdir(unreadable));
+    EXPECT_TRUE(store2.setValue(QStringLiteral("checkForUpdateInterval"), 86400.0));
+    EXPECT_EQ(store2.status(), QSettings::NoError);
+    EXPECT_EQ(SettingsStore(unreadable).numberValue(QStringLiteral("checkForUpdateInterval")), 86400.0);
 }
 
 TEST(SettingsStore, SyncSeesWhatAnotherWriterPutOnDisk)

@@ -1,7 +1,9 @@
-// The shared names against the interface as checked in, and the notification names as posted.
+// The shared names against the interface as checked in and the notification names as posted; the
+// notification bus.
 
 #include "protocol/AppProtocol.h"
-#include "protocol/Notifications.h"
+#include "protocol/NotificationBus.h"
+#include "support/FakeAppPeer.h"
 #include "support/TestEnvironment.h"
 
 #include <QFile>
@@ -66,4 +68,34 @@ TEST(Protocol, NotificationNamesAreTheOnesThatArePosted)
     for (const QLatin1StringView name : notification::all)
         shared.append(name);
     EXPECT_EQ(shared, expected);
+}
+
+TEST(NotificationBus, EachNameReachesItsOwnHandlerOnlyUntilAllAreRemoved)
+{
+    const QStringList names{s("Nimbrel Running"), s("Nimbrel Bonjour Name Published"), s("Nimbrel Reset")};
+    test::FakeAppPeer peer;
+    NotificationBus bus;
+    QStringList received;
+    for (const QString& name : names)
+        ASSERT_TRUE(bus.addObserver(name, [&received, name] { received.append(name); }));
+    EXPECT_EQ(bus.observedNames(), names);
+    for (const QString& name : names)
+        ASSERT_TRUE(peer.deliver(name));
+    EXPECT_EQ(received, names);
+    bus.removeAllObservers();
+    EXPECT_EQ(bus.observedNames(), QStringList());
+    for (const QString& name : names)
+        ASSERT_TRUE(peer.deliver(name));
+    EXPECT_EQ(received, names);
+
+    // Observing again works; a repeated name keeps one subscription with the newest handler, and a
+    // handler may remove every observer, itself included.
+    received.clear();
+    ASSERT_TRUE(bus.addObserver(names[0], [&] { received.append(s("first")); }));
+    ASSERT_TRUE(bus.addObserver(names[0], [&] {
+        received.append(s("second"));
+        bus.removeAllObservers();
+    }));
+    ASSERT_TRUE(peer.deliver(names[0]) && peer.deliver(names[0]));
+    EXPECT_EQ(received, QStringList{s("second")});
 }
