@@ -284,7 +284,7 @@ QVariant CalendarItemModel::data(const QModelIndex& index, int role) const
     case Qt::CheckStateRole:
         if (column.checkKey.isEmpty() || !calendar->isLeaf())
             return QVariant();
-        return boolValue(calendar->dict(), column.checkKey) ? Qt::Checked : Qt::Unchecked;
+        return boolValue(calendar->record(), column.checkKey) ? Qt::Checked : Qt::Unchecked;
     default:
         return QVariant();
     }

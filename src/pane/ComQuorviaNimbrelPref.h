@@ -22,9 +22,11 @@
 #include <optional>
 #include <vector>
 
+class QAbstractButton;
 class QAbstractItemModel;
 class QAbstractItemView;
 class QCheckBox;
+class QComboBox;
 class QDialog;
 class QLabel;
 class QLineEdit;
@@ -265,6 +267,10 @@ private:
     QDialog* loadServerSettingsSheet();
     QDialog* loadGoogleSettingsSheet();
     CalendarRef googleSource();
+    // Controls that edit a key path of the pane's dictionaries, both ways ("serverSettings.title").
+    void bindField(QLineEdit* field, const QString& keyPath);
+    void bindBox(QAbstractButton* box, const QString& keyPath);
+    void bindChoice(QComboBox* choice, const QString& keyPath);
     void connectSheetButtons(QDialog* sheet, void (ComQuorviaNimbrelPref::*action)(QObject*));
     QWidget* loadResetTab();
     QWidget* loadLogTab();

@@ -33,43 +33,21 @@ QDialog* ComQuorviaNimbrelPref::loadGoogleSettingsSheet()
     auto* sheet = new QDialog(m_window);
     Ui::GoogleSettingsSheet ui;
     ui.setupUi(sheet);
-    for (const auto& [field, key] : {std::pair{ui.googleLoginField, "remoteLogin"},
-                                     std::pair{ui.googlePasswordField, "remotePassword"}}) {
-        const QString name = QLatin1String(key);
-        const QString path = QStringLiteral("googleSettings.") + name;
-        m_binder.bindLineEdit(
-            field, path, [this, name] { return m_googleSettingsDict.value(name).toString(); },
-            [this, path](const QString& text) { setValueForKeyPath(path, text); });
-    }
+    bindField(ui.googleLoginField, QStringLiteral("googleSettings.remoteLogin"));
+    bindField(ui.googlePasswordField, QStringLiteral("googleSettings.remotePassword"));
     addSyncIntervalChoices(ui.googleIntervalChoice);
-    m_binder.bindComboData(
-        ui.googleIntervalChoice, QStringLiteral("googleSettings.syncInterval"),
-        [this] { return m_googleSettingsDict.value(QStringLiteral("syncInterval")); },
-        [this](const QVariant& value) {
-            setValueForKeyPath(QStringLiteral("googleSettings.syncInterval"), value);
-        });
-    m_binder.bindChecked(
-        ui.googleSSLCheckbox, QStringLiteral("googleSettings.remoteSSL"),
-        [this] { return boolValue(m_googleSettingsDict, QStringLiteral("remoteSSL")); },
-        [this](bool on) { setValueForKeyPath(QStringLiteral("googleSettings.remoteSSL"), on); });
-
+    bindChoice(ui.googleIntervalChoice, QStringLiteral("googleSettings.syncInterval"));
+    bindBox(ui.googleSSLCheckbox, QStringLiteral("googleSettings.remoteSSL"));
     // The date range, in the sheet's own copy of "syncOptions".
-    const auto syncOptions = [this] { return m_googleSettingsDict.value(kSyncOptions).toMap(); };
-    m_binder.bindChecked(
-        ui.dateLimitCheckbox, QStringLiteral("googleSettings.syncOptions.dateLimit"),
-        [syncOptions] { return boolValue(syncOptions(), QStringLiteral("dateLimit")); },
-        [this](bool on) { setValueForKeyPath(QStringLiteral("googleSettings.syncOptions.dateLimit"), on); });
+    bindBox(ui.dateLimitCheckbox, QStringLiteral("googleSettings.syncOptions.dateLimit"));
     const char* const ranges[] = {"1 month", "3 months", "6 months", "1 year"};
     for (int value = 0; value < 4; ++value)
         ui.dateLimitRangeChoice->addItem(localizedString(QLatin1String(ranges[value])), qint64(value));
-    m_binder.bindComboData(
-        ui.dateLimitRangeChoice, QStringLiteral("googleSettings.syncOptions.dateLimitRange"),
-        [syncOptions] { return syncOptions().value(QStringLiteral("dateLimitRange")); },
-        [this](const QVariant& value) {
-            setValueForKeyPath(QStringLiteral("googleSettings.syncOptions.dateLimitRange"), value);
+    bindChoice(ui.dateLimitRangeChoice, QStringLiteral("googleSettings.syncOptions.dateLimitRange"));
+    m_binder.bindEnabled(
+        ui.dateLimitRangeChoice, QStringLiteral("googleSettings.syncOptions.dateLimit"), [this] {
+            return boolValue(valueForKeyPath(QStringLiteral("googleSettings.syncOptions.dateLimit")));
         });
-    m_binder.bindEnabled(ui.dateLimitRangeChoice, QStringLiteral("googleSettings.syncOptions.dateLimit"),
-                         [syncOptions] { return boolValue(syncOptions(), QStringLiteral("dateLimit")); });
 
     // An account needs its name; only an existing one can be disconnected.
     m_binder.bindEnabled(ui.googleSettingsOKButton, QStringLiteral("googleSettings.remoteLogin"), [this] {

@@ -309,6 +309,27 @@ void ComQuorviaNimbrelPref::setValueForKeyPath(const QString& keyPath, const QVa
     didChangeValueForKey(keyPath);
 }
 
+void ComQuorviaNimbrelPref::bindField(QLineEdit* field, const QString& keyPath)
+{
+    m_binder.bindLineEdit(
+        field, keyPath, [this, keyPath] { return valueForKeyPath(keyPath).toString(); },
+        [this, keyPath](const QString& text) { setValueForKeyPath(keyPath, text); });
+}
+
+void ComQuorviaNimbrelPref::bindBox(QAbstractButton* box, const QString& keyPath)
+{
+    m_binder.bindChecked(
+        box, keyPath, [this, keyPath] { return boolValue(valueForKeyPath(keyPath)); },
+        [this, keyPath](bool on) { setValueForKeyPath(keyPath, on); });
+}
+
+void ComQuorviaNimbrelPref::bindChoice(QComboBox* choice, const QString& keyPath)
+{
+    m_binder.bindComboData(
+        choice, keyPath, [this, keyPath] { return valueForKeyPath(keyPath); },
+        [this, keyPath](const QVariant& value) { setValueForKeyPath(keyPath, value); });
+}
+
 void ComQuorviaNimbrelPref::observeValueForKeyPath(const QString& keyPath, const void* object)
 {
     if (object == m_subscribeController && keyPath == QLatin1String("selectionIndexPath")) {

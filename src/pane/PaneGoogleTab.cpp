@@ -23,7 +23,7 @@ const QString kSubscribable = QStringLiteral("subscribable");
 CalendarItemModel::Column checkboxColumn(const QString& key)
 {
     return {[](const NimbrelCalendar& row) { return row.title().toString(); }, key,
-            [](const NimbrelCalendar& row) { return boolValue(row.dict(), kSubscribable); }};
+            [](const NimbrelCalendar& row) { return boolValue(row.record(), kSubscribable); }};
 }
 } // namespace
 
@@ -97,7 +97,7 @@ CalendarList ComQuorviaNimbrelPref::subscribeToGoogle()
 QVariant ComQuorviaNimbrelPref::googleAccount()
 {
     const CalendarRef source = googleSource();
-    return source ? source->dict().value(QStringLiteral("remoteLogin")) : QVariant();
+    return source ? source->record().value(QStringLiteral("remoteLogin")) : QVariant();
 }
 
 QVariant ComQuorviaNimbrelPref::googleLastSync()
@@ -112,13 +112,13 @@ QVariant ComQuorviaNimbrelPref::googleLastSync()
 void ComQuorviaNimbrelPref::publishGoogleCheckbox(const QModelIndex& row)
 {
     if (const CalendarRef calendar = m_publishGoogleController->calendarRefAt(row.siblingAtColumn(0)))
-        calendar->setPublishedToGoogle(!boolValue(calendar->dict(), kPublishedToGoogle));
+        calendar->setPublishedToGoogle(!boolValue(calendar->record(), kPublishedToGoogle));
 }
 
 void ComQuorviaNimbrelPref::subscribeGoogleCheckbox(const QModelIndex& row)
 {
     if (const CalendarRef calendar = m_subscribeGoogleController->calendarRefAt(row.siblingAtColumn(0)))
-        calendar->setSubscribedTo(!boolValue(calendar->dict(), kSubscribedTo));
+        calendar->setSubscribedTo(!boolValue(calendar->record(), kSubscribedTo));
 }
 
 void ComQuorviaNimbrelPref::tableViewWillDisplayCell(const ColumnOutlet& column, QStyleOptionViewItem& option,
@@ -133,11 +133,11 @@ void ComQuorviaNimbrelPref::tableViewWillDisplayCell(const ColumnOutlet& column,
         return;
     const QVariant title = calendar->title();
     option.text = title.isValid() ? title.toString() : QStringLiteral("(null)");
-    option.checkState = boolValue(calendar->dict(), publish ? kPublishedToGoogle : kSubscribedTo)
+    option.checkState = boolValue(calendar->record(), publish ? kPublishedToGoogle : kSubscribedTo)
                             ? Qt::Checked
                             : Qt::Unchecked;
     // Not subscribable: not to be ticked for publishing to Google either.
-    option.state.setFlag(QStyle::State_Enabled, boolValue(calendar->dict(), kSubscribable));
+    option.state.setFlag(QStyle::State_Enabled, boolValue(calendar->record(), kSubscribable));
 }
 
 // ---- Sync --------------------------------------------------------------------------------------------
@@ -146,7 +146,7 @@ void ComQuorviaNimbrelPref::googleSyncNowButton(QObject*)
 {
     // The background application syncs when it is given the account's options.
     const CalendarRef source = googleSource();
-    if (source && !source->dict().isEmpty())
+    if (source && source->record().size() > 0)
         m_com->setGoogleOptions(source->dict());
 }
 

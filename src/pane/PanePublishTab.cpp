@@ -33,7 +33,7 @@ QWidget* ComQuorviaNimbrelPref::loadPublishTab()
     m_publishTableView = ui.publishTableView;
     const QList<CalendarItemModel::Column> columns = {
         {[](const NimbrelCalendar& row) { return row.title().toString(); }, kPublishedToBonjour,
-         [](const NimbrelCalendar& row) { return boolValue(row.dict(), kSubscribable); }},
+         [](const NimbrelCalendar& row) { return boolValue(row.record(), kSubscribable); }},
         {[](const NimbrelCalendar& row) { return row.publishOptions(); }, QString(), {}}};
     m_publishController = new CalendarItemModel(
         *this, QStringLiteral("publishCalendars"), [this] { return *publishCalendars(); }, columns, false,
@@ -58,8 +58,8 @@ QWidget* ComQuorviaNimbrelPref::loadPublishTab()
             return;
         const QVariant title = calendar->title();
         option.text = title.isValid() ? title.toString() : QStringLiteral("(null)");
-        option.checkState = boolValue(calendar->dict(), kPublishedToBonjour) ? Qt::Checked : Qt::Unchecked;
-        option.state.setFlag(QStyle::State_Enabled, boolValue(calendar->dict(), kSubscribable));
+        option.checkState = boolValue(calendar->record(), kPublishedToBonjour) ? Qt::Checked : Qt::Unchecked;
+        option.state.setFlag(QStyle::State_Enabled, boolValue(calendar->record(), kSubscribable));
     });
     m_publishTableView->setItemDelegateForColumn(0, checkbox);
     // Keyboard: the current cell stays on the checkbox, Space ticks it, Return opens the options.
@@ -132,7 +132,7 @@ bool ComQuorviaNimbrelPref::publishOptionsEnabled() const
     const NimbrelCalendar* calendar =
         m_publishController ? m_publishController->calendarAt(firstSelectedIndex(m_publishTableView))
                             : nullptr;
-    return calendar && boolValue(calendar->dict(), kSubscribable);
+    return calendar && boolValue(calendar->record(), kSubscribable);
 }
 
 void ComQuorviaNimbrelPref::publishOptionsButton(QObject*)
@@ -140,7 +140,7 @@ void ComQuorviaNimbrelPref::publishOptionsButton(QObject*)
     const NimbrelCalendar* calendar =
         m_publishController ? m_publishController->calendarAt(firstSelectedIndex(m_publishTableView))
                             : nullptr;
-    if (calendar && boolValue(calendar->dict(), kSubscribable))
+    if (calendar && boolValue(calendar->record(), kSubscribable))
         publishingCalendar(calendar->dict());
 }
 
@@ -156,7 +156,7 @@ void ComQuorviaNimbrelPref::publishCheckbox(const QModelIndex& row)
 {
     // What the column's binding does: the row takes the opposite value and sends the request.
     if (const CalendarRef calendar = m_publishController ? m_publishController->calendarRefAt(row) : nullptr)
-        calendar->setPublishedToBonjour(!boolValue(calendar->dict(), kPublishedToBonjour));
+        calendar->setPublishedToBonjour(!boolValue(calendar->record(), kPublishedToBonjour));
 }
 
 void ComQuorviaNimbrelPref::nimbrelPublishingCalendar(const QVariantMap& calendar)

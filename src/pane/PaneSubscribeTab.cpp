@@ -34,7 +34,7 @@ QWidget* ComQuorviaNimbrelPref::loadSubscribeTab()
     // The outline column (its cells draw the title) and the row's summary beside it.
     const QList<CalendarItemModel::Column> columns = {
         {[](const NimbrelCalendar& row) { return row.title().toString(); }, kSubscribedTo,
-         [](const NimbrelCalendar& row) { return boolValue(row.dict(), kSubscribable); }},
+         [](const NimbrelCalendar& row) { return boolValue(row.record(), kSubscribable); }},
         {[](const NimbrelCalendar& row) { return row.subscribeOptions(); }, QString(), {}}};
     m_subscribeController = new CalendarItemModel(
         *this, QStringLiteral("subscribeCalendars"), [this] { return *subscribeCalendars(); }, columns, true,
@@ -137,8 +137,8 @@ void ComQuorviaNimbrelPref::outlineViewWillDisplayCell(QStyledItemDelegate* cell
     const QString text = title.isValid() ? title.toString() : QStringLiteral("(null)");
     if (qobject_cast<SourceButtonCell*>(cell)) {
         option.text = text;
-        option.checkState = boolValue(node->dict(), kSubscribedTo) ? Qt::Checked : Qt::Unchecked;
-        option.state.setFlag(QStyle::State_Enabled, boolValue(node->dict(), kSubscribable));
+        option.checkState = boolValue(node->record(), kSubscribedTo) ? Qt::Checked : Qt::Unchecked;
+        option.state.setFlag(QStyle::State_Enabled, boolValue(node->record(), kSubscribable));
     } else {
         option.text = text.toUpper();
     }
@@ -170,7 +170,7 @@ void ComQuorviaNimbrelPref::subscribeCheckbox(const QModelIndex& row)
     if (!node)
         return;
     setSelectionIndexPath(indexPathToObject(*node).value_or(QList<int>()));
-    node->setSubscribedTo(!boolValue(node->dict(), kSubscribedTo));
+    node->setSubscribedTo(!boolValue(node->record(), kSubscribedTo));
 }
 
 void ComQuorviaNimbrelPref::subscribeOptionsButton(QObject*)
@@ -178,7 +178,7 @@ void ComQuorviaNimbrelPref::subscribeOptionsButton(QObject*)
     const NimbrelCalendar* selected =
         m_subscribeController ? m_subscribeController->calendarAt(firstSelectedIndex(m_subscribeOutlineView))
                               : nullptr;
-    if (selected && selected->isLeaf() && boolValue(selected->dict(), kSubscribable))
+    if (selected && selected->isLeaf() && boolValue(selected->record(), kSubscribable))
         subscribeToCalendar(selected->dict());
 }
 
@@ -192,7 +192,7 @@ bool ComQuorviaNimbrelPref::subscribePassIsChanged(const QVariantMap& calendar)
 {
     const CalendarRef stored =
         m_com->calendarWithDict(m_subscribeOptionsDict, *m_com->sourceListOfBonjourCalendars());
-    const QVariant storedPassword = stored ? stored->dict().value(kSubscribePassword) : QVariant();
+    const QVariant storedPassword = stored ? stored->record().value(kSubscribePassword) : QVariant();
     return !valuesEqual(storedPassword, calendar.value(kSubscribePassword));
 }
 

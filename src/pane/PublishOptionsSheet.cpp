@@ -21,22 +21,13 @@ QDialog* ComQuorviaNimbrelPref::loadPublishOptionsSheet()
     ui.publishOptionsTitle->setFont(heading);
     m_binder.bindText(ui.publishOptionsTitle, QStringLiteral("publishOptions.title"),
                       [this] { return m_publishOptionsDict.value(QStringLiteral("title")).toString(); });
-    for (const auto& [field, key] : {std::pair{ui.readPasswordField, "readPassword"},
-                                     std::pair{ui.writePasswordField, "writePassword"}}) {
-        const QString path = QStringLiteral("publishOptions.") + QLatin1String(key);
-        const QString name = QLatin1String(key);
-        m_binder.bindLineEdit(
-            field, path, [this, name] { return m_publishOptionsDict.value(name).toString(); },
-            [this, path](const QString& text) { setValueForKeyPath(path, text); });
-    }
+    bindField(ui.readPasswordField, QStringLiteral("publishOptions.readPassword"));
+    bindField(ui.writePasswordField, QStringLiteral("publishOptions.writePassword"));
     m_binder.bindText(ui.readAccessSummary, QStringLiteral("publishOptionsReadAccessSummary"),
                       [this] { return publishOptionsReadAccessSummary(); });
     m_binder.bindText(ui.writeAccessSummary, QStringLiteral("publishOptionsWriteAccessSummary"),
                       [this] { return publishOptionsWriteAccessSummary(); });
-    m_binder.bindChecked(
-        ui.readOnlyCheckbox, QStringLiteral("publishOptions.readOnly"),
-        [this] { return boolValue(m_publishOptionsDict, QStringLiteral("readOnly")); },
-        [this](bool on) { setValueForKeyPath(QStringLiteral("publishOptions.readOnly"), on); });
+    bindBox(ui.readOnlyCheckbox, QStringLiteral("publishOptions.readOnly"));
     connectSheetButtons(sheet, &ComQuorviaNimbrelPref::publishOptionsSheetButton);
     localizeTexts(sheet);
     return sheet;

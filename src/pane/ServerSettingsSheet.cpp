@@ -35,27 +35,13 @@ QDialog* ComQuorviaNimbrelPref::loadServerSettingsSheet()
     auto* sheet = new QDialog(m_window);
     Ui::ServerSettingsSheet ui;
     ui.setupUi(sheet);
-    for (const auto& [field, key] :
-         {std::pair{ui.serverTitleField, "title"}, std::pair{ui.serverURLField, "remoteURL"},
-          std::pair{ui.serverLoginField, "remoteLogin"},
-          std::pair{ui.serverPasswordField, "remotePassword"}}) {
-        const QString name = QLatin1String(key);
-        const QString path = QStringLiteral("serverSettings.") + name;
-        m_binder.bindLineEdit(
-            field, path, [this, name] { return m_serverSettingsDict.value(name).toString(); },
-            [this, path](const QString& text) { setValueForKeyPath(path, text); });
-    }
+    bindField(ui.serverTitleField, QStringLiteral("serverSettings.title"));
+    bindField(ui.serverURLField, QStringLiteral("serverSettings.remoteURL"));
+    bindField(ui.serverLoginField, QStringLiteral("serverSettings.remoteLogin"));
+    bindField(ui.serverPasswordField, QStringLiteral("serverSettings.remotePassword"));
     addSyncIntervalChoices(ui.serverIntervalChoice);
-    m_binder.bindComboData(
-        ui.serverIntervalChoice, QStringLiteral("serverSettings.syncInterval"),
-        [this] { return m_serverSettingsDict.value(QStringLiteral("syncInterval")); },
-        [this](const QVariant& value) {
-            setValueForKeyPath(QStringLiteral("serverSettings.syncInterval"), value);
-        });
-    m_binder.bindChecked(
-        ui.serverSSLCheckbox, QStringLiteral("serverSettings.remoteSSL"),
-        [this] { return boolValue(m_serverSettingsDict, QStringLiteral("remoteSSL")); },
-        [this](bool on) { setValueForKeyPath(QStringLiteral("serverSettings.remoteSSL"), on); });
+    bindChoice(ui.serverIntervalChoice, QStringLiteral("serverSettings.syncInterval"));
+    bindBox(ui.serverSSLCheckbox, QStringLiteral("serverSettings.remoteSSL"));
 
     // A server needs an address it can be reached at; an existing one can be disconnected.
     const auto address = [this] {

@@ -19,23 +19,12 @@ QDialog* ComQuorviaNimbrelPref::loadSubscribeOptionsSheet()
     ui.subscribeOptionsTitle->setFont(heading);
     m_binder.bindText(ui.subscribeOptionsTitle, QStringLiteral("subscribeOptions.title"),
                       [this] { return m_subscribeOptionsDict.value(QStringLiteral("title")).toString(); });
-    m_binder.bindLineEdit(
-        ui.subscribePasswordField, QStringLiteral("subscribeOptions.subscribePassword"),
-        [this] { return m_subscribeOptionsDict.value(QStringLiteral("subscribePassword")).toString(); },
-        [this](const QString& text) {
-            setValueForKeyPath(QStringLiteral("subscribeOptions.subscribePassword"), text);
-        });
+    bindField(ui.subscribePasswordField, QStringLiteral("subscribeOptions.subscribePassword"));
     m_binder.bindText(ui.subscribeAccessSummary, QStringLiteral("subscribeOptionsAccessSummary"),
                       [this] { return subscribeOptionsAccessSummary(); });
-    for (const auto& [box, key] : {std::pair{ui.filterRemindersCheckbox, "filterReminders"},
-                                   std::pair{ui.filterToDosCheckbox, "filterToDos"},
-                                   std::pair{ui.filterAttachmentsCheckbox, "filterAttachments"}}) {
-        const QString name = QLatin1String(key);
-        const QString path = QStringLiteral("subscribeOptions.") + name;
-        m_binder.bindChecked(
-            box, path, [this, name] { return boolValue(m_subscribeOptionsDict, name); },
-            [this, path](bool on) { setValueForKeyPath(path, on); });
-    }
+    bindBox(ui.filterRemindersCheckbox, QStringLiteral("subscribeOptions.filterReminders"));
+    bindBox(ui.filterToDosCheckbox, QStringLiteral("subscribeOptions.filterToDos"));
+    bindBox(ui.filterAttachmentsCheckbox, QStringLiteral("subscribeOptions.filterAttachments"));
     connectSheetButtons(sheet, &ComQuorviaNimbrelPref::subscribeOptionsSheetButton);
     localizeTexts(sheet);
     return sheet;

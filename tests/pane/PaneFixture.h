@@ -4,7 +4,7 @@
 // of done: the fake background application answers the link, the process table is a map the test
 // fills, and launches are written down.
 
-#include "link/FakeAppPeer.h"
+#include "support/FakeAppPeer.h"
 #include "pane/ComQuorviaNimbrelPref.h"
 #include "pane/Sheets.h"
 #include "platform/Strings.h"
