@@ -39,14 +39,7 @@ struct LogTabFixture
 {
     LogTabFixture()
     {
-        PaneEnvironment environment;
-        environment.runLoop = &loop;
-        pane = std::make_unique<ComQuorviaNimbrelPref>(Bundle(paneBundle()), environment);
-        pane->loadMainView(&window);
-        pane->awakeFromNib();
-        pane->mainViewDidLoad();
-        window.resize(668, 560);
-        window.show();
+        pane = loadPane(window, loop);
         auto* tabs = window.findChild<QTabWidget*>(QStringLiteral("tabView"));
         const QSignalBlocker quiet(tabs);
         tabs->setCurrentWidget(tabs->findChild<QWidget*>(QStringLiteral("log")));

@@ -4,7 +4,9 @@
 // (HOME and the XDG folders in a temporary folder) and the real background application on a private
 // bus of its own, serving a number of local calendars.
 
+#include "pane/ComQuorviaNimbrelPref.h"
 #include "platform/Bundle.h"
+#include "platform/VirtualRunLoop.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -16,6 +18,7 @@
 #include <QThread>
 #include <benchmark/benchmark.h>
 #include <functional>
+#include <memory>
 
 namespace nimbrel::bench {
 
@@ -91,6 +94,20 @@ struct BackgroundApp
     QProcess bus;
     QProcess app;
 };
+
+// A pane in virtual time with its view loaded into `window`, shown offscreen at the panel's size.
+inline std::unique_ptr<ComQuorviaNimbrelPref> loadPane(QWidget& window, VirtualRunLoop& loop)
+{
+    PaneEnvironment environment;
+    environment.runLoop = &loop;
+    auto pane = std::make_unique<ComQuorviaNimbrelPref>(Bundle(paneBundle()), environment);
+    pane->loadMainView(&window);
+    pane->awakeFromNib();
+    pane->mainViewDidLoad();
+    window.resize(668, 560);
+    window.show();
+    return pane;
+}
 
 // main() of a panel benchmark: a private home, an offscreen application with the string table, the
 // benchmarks, then `cleanup` (while the application still exists).

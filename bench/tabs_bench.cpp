@@ -97,16 +97,9 @@ struct Panel
 {
     explicit Panel(qint64 pid)
     {
-        PaneEnvironment environment;
-        environment.runLoop = &loop;
-        pane = std::make_unique<ComQuorviaNimbrelPref>(Bundle(paneBundle()), environment);
-        pane->loadMainView(&window);
-        pane->awakeFromNib();
-        pane->mainViewDidLoad();
+        pane = loadPane(window, loop);
         pane->com().setProcessLookup(
             [pid](const QString& identifier) { return identifier == kBackgroundAppIdentifier ? pid : 0; });
-        window.resize(668, 560);
-        window.show();
         pane->com().activate();
         QApplication::processEvents();
     }

@@ -8,30 +8,22 @@
 #include "platform/Strings.h"
 #include "support/TestEnvironment.h"
 
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QLabel>
 #include <QPushButton>
-#include <QUrl>
+#include <QStandardPaths>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 
 namespace nimbrel::test {
 
-// The Nimbrel of this test: the build tree's executable running with this test's HOME.
-inline qint64 ourBackgroundApp(const QString& executable)
+// The Nimbrel of this test's HOME: the holder of its data folder's lock, while it is alive.
+inline qint64 ourBackgroundApp()
 {
-    const QByteArray home = "HOME=" + QDir::homePath().toUtf8();
-    for (const QString& pid : QDir(s("/proc")).entryList({s("[0-9]*")}, QDir::Dirs)) {
-        if (QFileInfo(s("/proc/%1/exe").arg(pid)).symLinkTarget() != executable)
-            continue;
-        QFile environ(s("/proc/%1/environ").arg(pid));
-        if (environ.open(QIODevice::ReadOnly) && environ.readAll().split('\0').contains(home))
-            return pid.toLongLong();
-    }
-    return 0;
+    const QString data = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    const qint64 pid = readFile(data + s("/Nimbrel/Nimbrel.lock")).split('\n').value(0).toLongLong();
+    const QByteArray status = readFile(s("/proc/%1/status").arg(pid));
+    return pid > 0 && !status.isEmpty() && !status.contains("State:\tZ") ? pid : 0;
 }
 
 class PanelSession
@@ -39,21 +31,17 @@ class PanelSession
 public:
     explicit PanelSession(PaneEnvironment environment = PaneEnvironment()) : bundle(paneBundlePath())
     {
-        const QString feed = makeTempDir() + s("/appcast.xml");
-        QFile file(feed);
-        if (file.open(QIODevice::WriteOnly))
-            file.write(
-                "<?xml version=\"1.0\"?><rss version=\"2.0\"><channel><title>N</title></channel></rss>");
-        file.close();
-        qputenv("NIMBREL_UPDATE_FEED", QUrl::fromLocalFile(feed).toString().toUtf8());
+        // Update checks read a local feed, never the network; no welcome sheet.
+        qputenv(
+            "NIMBREL_UPDATE_FEED",
+            writeFile(makeTempDir() + s("/appcast.xml"), "<rss version=\"2.0\"><channel/></rss>").toUtf8());
         SettingsStore(SettingsStore::domainPath(s("com.quorvia.Nimbrel"))).setValue(s("welcomed"), true);
         bundle.loadStringTable(kStringTable);
-        executable = Bundle(bundle.resourcePath() + s("/Nimbrel.app")).executablePath();
         environment.services.openUrl = [](const QString&) { return true; };
         host = std::make_unique<PreferencesHost>(bundle, environment);
-        host->setPaneCreatedHandler([this](ComQuorviaNimbrelPref& pane) {
-            pane.com().setProcessLookup([this](const QString& identifier) -> qint64 {
-                return identifier == kBackgroundAppIdentifier ? ourBackgroundApp(executable) : 0;
+        host->setPaneCreatedHandler([](ComQuorviaNimbrelPref& pane) {
+            pane.com().setProcessLookup([](const QString& identifier) {
+                return identifier == kBackgroundAppIdentifier ? ourBackgroundApp() : 0;
             });
             pane.com().setHandshakeTimeout(10000);
         });
@@ -64,7 +52,7 @@ public:
     {
         if (host && !host->hasEnded())
             host->terminate();
-        if (const qint64 left = ourBackgroundApp(executable))
+        if (const qint64 left = ourBackgroundApp())
             ::kill(static_cast<pid_t>(left), SIGKILL);
     }
 
@@ -83,7 +71,6 @@ public:
     }
 
     Bundle bundle;
-    QString executable;
     std::unique_ptr<PreferencesHost> host;
 };
 

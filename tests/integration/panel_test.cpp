@@ -20,7 +20,7 @@ TEST(Panel, StartAndStopReachTheStatusLineAndTheLogTabShowsNimbrelsLines)
     ASSERT_TRUE(waitUntil([&] { return session.status() == s("Nimbrel is running"); }, 30000))
         << session.status().toStdString();
     EXPECT_EQ(button->text(), s("Stop Nimbrel"));
-    ASSERT_NE(ourBackgroundApp(session.executable), 0);
+    ASSERT_NE(ourBackgroundApp(), 0);
 
     auto* tabs = session.find<QTabWidget>("tabView");
     tabs->setCurrentWidget(tabs->findChild<QWidget*>(s("log")));
@@ -32,7 +32,7 @@ TEST(Panel, StartAndStopReachTheStatusLineAndTheLogTabShowsNimbrelsLines)
     button->click();
     EXPECT_TRUE(waitUntil([&] { return session.status() == s("Nimbrel is stopped"); }, 30000))
         << session.status().toStdString();
-    EXPECT_TRUE(waitUntil([&] { return ourBackgroundApp(session.executable) == 0; }, 10000));
+    EXPECT_TRUE(waitUntil([&] { return ourBackgroundApp() == 0; }, 10000));
 }
 
 } // namespace
