@@ -9,17 +9,18 @@
 // Everything runs on 127.0.0.1; the servers' folders live in a temporary folder removed at the end.
 #include "caldav_servers.h"
 
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+#include <openssl/ssl.h>
+
 #include <algorithm>
 #include <arpa/inet.h>
-#include <benchmark/benchmark.h>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <curl/curl.h>
 #include <map>
 #include <memory>
 #include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <stdexcept>
 #include <string>
 #include <sys/resource.h>
@@ -49,7 +50,8 @@ class Client
 {
 public:
     explicit Client(const Server& server, const char* localAddress = nullptr)
-        : m_server(server), m_curl(curl_easy_init())
+        : m_server(server)
+        , m_curl(curl_easy_init())
     {
         curl_easy_setopt(m_curl, CURLOPT_SSL_VERIFYPEER, 0L); // self-signed, pinned elsewhere
         curl_easy_setopt(m_curl, CURLOPT_SSL_VERIFYHOST, 0L);
@@ -86,9 +88,8 @@ public:
         long status = 0;
         curl_easy_getinfo(m_curl, CURLINFO_RESPONSE_CODE, &status);
         if (rc != CURLE_OK || status != want)
-            throw std::runtime_error(m_server.name + " " + method + " " + path + ": " +
-                                     curl_easy_strerror(rc) + " status " + std::to_string(status) + " " +
-                                     m_body.substr(0, 300));
+            throw std::runtime_error(m_server.name + " " + method + " " + path + ": " + curl_easy_strerror(rc) +
+                                     " status " + std::to_string(status) + " " + m_body.substr(0, 300));
         return m_body;
     }
 
@@ -111,20 +112,16 @@ void expectItems(const Server& s, const std::string& body, size_t want, const ch
 {
     const size_t got = count(body, "getetag>") / 2;
     if (got < want)
-        throw std::runtime_error(s.name + " " + what + ": " + std::to_string(got) + " items, wanted " +
-                                 std::to_string(want));
+        throw std::runtime_error(s.name + " " + what + ": " + std::to_string(got) + " items, wanted " + std::to_string(want));
 }
 
-const std::string kPropfind =
-    R"(<?xml version="1.0"?><d:propfind xmlns:d="DAV:"><d:prop><d:getetag/><d:getcontenttype/></d:prop></d:propfind>)";
+const std::string kPropfind = R"(<?xml version="1.0"?><d:propfind xmlns:d="DAV:"><d:prop><d:getetag/><d:getcontenttype/></d:prop></d:propfind>)";
 
 std::string multigetBody(const Server& s)
 {
-    std::string body =
-        R"(<?xml version="1.0"?><c:calendar-multiget xmlns:d="DAV:" xmlns:c="urn:ietf:params:xml:ns:caldav"><d:prop><d:getetag/><c:calendar-data/></d:prop>)";
+    std::string body = R"(<?xml version="1.0"?><c:calendar-multiget xmlns:d="DAV:" xmlns:c="urn:ietf:params:xml:ns:caldav"><d:prop><d:getetag/><c:calendar-data/></d:prop>)";
     for (int i = 0; i < kMultiget; ++i)
-        body +=
-            "<d:href>" + s.collection + "ev-" + std::to_string(i * (kEvents / kMultiget)) + ".ics</d:href>";
+        body += "<d:href>" + s.collection + "ev-" + std::to_string(i * (kEvents / kMultiget)) + ".ics</d:href>";
     return body + "</c:calendar-multiget>";
 }
 
@@ -141,7 +138,8 @@ std::string syncToken(const std::string& body)
     return body.substr(open + 1, body.rfind('<', close) - open - 1);
 }
 
-template <class F> void timed(benchmark::State& state, const std::string& op, const Server& s, F body)
+template <class F>
+void timed(benchmark::State& state, const std::string& op, const Server& s, F body)
 {
     double total = 0;
     for (auto _ : state) {
@@ -156,33 +154,24 @@ void registerFor(const Server& s)
 {
     auto client = std::make_shared<Client>(s);
     benchmark::RegisterBenchmark(("PropfindDepth1/" + s.name).c_str(), [=](benchmark::State& st) {
-        timed(st, "PROPFIND Depth 1", s, [&] {
-            expectItems(s, client->request("PROPFIND", s.collection, kPropfind, "1"), kEvents, "propfind");
-        });
+        timed(st, "PROPFIND Depth 1", s, [&] { expectItems(s, client->request("PROPFIND", s.collection, kPropfind, "1"), kEvents, "propfind"); });
     })->Unit(benchmark::kMillisecond);
     const std::string multiget = multigetBody(s);
     benchmark::RegisterBenchmark(("Multiget500/" + s.name).c_str(), [=](benchmark::State& st) {
-        timed(st, "calendar-multiget 500", s, [&] {
-            expectItems(s, client->request("REPORT", s.collection, multiget, "1"), kMultiget, "multiget");
-        });
+        timed(st, "calendar-multiget 500", s, [&] { expectItems(s, client->request("REPORT", s.collection, multiget, "1"), kMultiget, "multiget"); });
     })->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(("SyncFromEmpty/" + s.name).c_str(), [=](benchmark::State& st) {
-        timed(st, "sync-collection, empty token", s, [&] {
-            expectItems(s, client->request("REPORT", s.collection, syncBody(""), "0"), kEvents, "sync");
-        });
+        timed(st, "sync-collection, empty token", s, [&] { expectItems(s, client->request("REPORT", s.collection, syncBody(""), "0"), kEvents, "sync"); });
     })->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(("Get200/" + s.name).c_str(), [=](benchmark::State& st) {
         timed(st, "200 GETs", s, [&] {
             for (int i = 0; i < kGets; ++i)
-                client->request("GET", s.collection + "ev-" + std::to_string(i * 37 % kEvents) + ".ics", {},
-                                nullptr, 200);
+                client->request("GET", s.collection + "ev-" + std::to_string(i * 37 % kEvents) + ".ics", {}, nullptr, 200);
         });
     })->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(("SyncCurrentToken/" + s.name).c_str(), [=](benchmark::State& st) {
-        const std::string current =
-            syncBody(syncToken(client->request("REPORT", s.collection, syncBody(""), "0")));
-        timed(st, "sync-collection, current token", s,
-              [&] { client->request("REPORT", s.collection, current, "0"); });
+        const std::string current = syncBody(syncToken(client->request("REPORT", s.collection, syncBody(""), "0")));
+        timed(st, "sync-collection, current token", s, [&] { client->request("REPORT", s.collection, current, "0"); });
     })->Unit(benchmark::kMicrosecond);
 }
 
@@ -197,8 +186,8 @@ int openIdle(SSL_CTX* ctx, int port, const char* local, std::vector<SSL*>& sessi
     to.sin_family = AF_INET;
     to.sin_port = htons(uint16_t(port));
     inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0 ||
-        connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)
+    if (bind(fd, reinterpret_cast<sockaddr*>(&from), sizeof from) != 0
+        || connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)
         throw std::runtime_error("idle connection failed");
     SSL* ssl = SSL_new(ctx);
     SSL_set_fd(ssl, fd);
@@ -214,10 +203,7 @@ void idleConnections(const Server& s)
     SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
     std::vector<SSL*> sessions;
     std::vector<int> fds;
-    {
-        Client warm(s);
-        warm.request("PROPFIND", s.collection, kPropfind, "0");
-    }
+    { Client warm(s); warm.request("PROPFIND", s.collection, kPropfind, "0"); }
     const long before = residentKiB(s.pid);
     // 20 loopback source addresses, 50 connections each: under the per-address limit of 64.
     for (int i = 0; i < kIdle; ++i) {
@@ -230,8 +216,7 @@ void idleConnections(const Server& s)
         const auto start = std::chrono::steady_clock::now();
         Client fresh(s, "127.0.0.9");
         fresh.request("PROPFIND", s.collection, kPropfind, "0");
-        latencies.push_back(
-            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+        latencies.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
     }
     std::sort(latencies.begin(), latencies.end());
     std::printf("\n%d idle TLS connections held by %s: a new client (connect, TLS, PROPFIND) median %.1f ms, "
@@ -252,10 +237,9 @@ void printRatios()
     for (const auto& [op, servers] : gSeconds) {
         auto get = [&](const char* n) { return servers.count(n) ? servers.at(n) * 1000 : -1.0; };
         const double ours = get("nimbrel");
-        const double other = std::min(get("radicale") < 0 ? 1e18 : get("radicale"),
-                                      get("xandikos") < 0 ? 1e18 : get("xandikos"));
-        std::printf("%-32s %9.3f ms %9.3f ms %9.3f ms %9.1fx\n", op.c_str(), ours, get("radicale"),
-                    get("xandikos"), other / ours);
+        const double other = std::min(get("radicale") < 0 ? 1e18 : get("radicale"), get("xandikos") < 0 ? 1e18 : get("xandikos"));
+        std::printf("%-32s %9.3f ms %9.3f ms %9.3f ms %9.1fx\n", op.c_str(), ours, get("radicale"), get("xandikos"),
+                    other / ours);
     }
 }
 

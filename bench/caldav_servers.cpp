@@ -3,9 +3,9 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
 #include <netinet/in.h>
 #include <spawn.h>
@@ -105,8 +105,7 @@ std::vector<std::string> writeEvents(const std::string& folder, int count)
         std::snprintf(when, sizeof when, "2025%02d%02dT%02d0000Z", 1 + i % 12, 1 + i % 28, 8 + i % 10);
         std::ofstream f(name, std::ios::binary);
         f << "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//bench//EN\r\nBEGIN:VEVENT\r\nUID:ev-" << i
-          << "\r\nDTSTAMP:20250101T000000Z\r\nDTSTART:" << when
-          << "\r\nDURATION:PT1H\r\nSUMMARY:Event number " << i
+          << "\r\nDTSTAMP:20250101T000000Z\r\nDTSTART:" << when << "\r\nDURATION:PT1H\r\nSUMMARY:Event number " << i
           << "\r\nDESCRIPTION:A benchmark event with a few words of description.\r\nLOCATION:Room " << i % 50
           << "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n";
         files.push_back(name);
@@ -114,8 +113,7 @@ std::vector<std::string> writeEvents(const std::string& folder, int count)
     return files;
 }
 
-Server startNimbrel(const std::string& work, const std::string& testHost,
-                    const std::vector<std::string>& files)
+Server startNimbrel(const std::string& work, const std::string& testHost, const std::vector<std::string>& files)
 {
     copyEvents(files, work + "/nimbrel/root/bench");
     std::ofstream(work + "/nimbrel/root/bench/displayname") << "Bench";
@@ -149,8 +147,8 @@ Server startXandikos(const std::string& work, const std::vector<std::string>& fi
 {
     const std::string dir = work + "/xandikos";
     const int port = freePort();
-    const std::vector<std::string> args = {"xandikos",           "-d",        dir, "-l", "127.0.0.1", "-p",
-                                           std::to_string(port), "--defaults"};
+    const std::vector<std::string> args = {"xandikos", "-d", dir, "-l", "127.0.0.1", "-p", std::to_string(port),
+                                           "--defaults"};
     // The first start makes the principal and an empty calendar; the events are then committed with git,
     // which is how xandikos stores them.
     pid_t first = spawn(args, work + "/xandikos-first.log");
@@ -160,8 +158,7 @@ Server startXandikos(const std::string& work, const std::vector<std::string>& fi
     // The calendar is a git repository with a working tree: the events are committed into it.
     const std::string repo = dir + "/user/calendars/calendar";
     copyEvents(files, repo);
-    run("cd " + quote(repo) +
-        " && git add -A && git -c user.name=bench -c user.email=bench@localhost commit -qm "
+    run("cd " + quote(repo) + " && git add -A && git -c user.name=bench -c user.email=bench@localhost commit -qm "
         "events");
     Server s{"xandikos", "http://127.0.0.1:" + std::to_string(port), "/user/calendars/calendar/", -1};
     s.pid = spawn(args, work + "/xandikos.log");

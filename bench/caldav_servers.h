@@ -21,8 +21,7 @@ struct Server
 // Writes `count` events as <folder>/ev-N.ics (the same bytes for every server).
 std::vector<std::string> writeEvents(const std::string& folder, int count);
 
-Server startNimbrel(const std::string& work, const std::string& testHost,
-                    const std::vector<std::string>& files);
+Server startNimbrel(const std::string& work, const std::string& testHost, const std::vector<std::string>& files);
 Server startRadicale(const std::string& work, const std::vector<std::string>& files);
 Server startXandikos(const std::string& work, const std::vector<std::string>& files);
 void stop(Server& server);
