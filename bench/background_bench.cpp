@@ -1,7 +1,8 @@
 // The background application with 10 000 local calendars (one .ics each), the real executable on a
 // private bus with a private HOME:
-//   BM_BackgroundStart10000/fresh:0  start with the database of an earlier run to the first answer of
-//                                    `version` (budget 500 ms); fresh:1 starts without a database.
+//   BM_BackgroundStart10000/fresh:0/list:0  start with the database of an earlier run to the first
+//                                    answer of `version` (budget 500 ms); fresh:1 starts without a
+//                                    database; list:1 waits for the whole calendar list instead.
 //   BM_EditToNotice10000             one calendar's displayname rewritten to "Nimbrel Calendars
 //                                    Changed" on the bus; max_call_wait_ms is the longest a `version`
 //                                    call, sent every 2 ms from another connection, waited meanwhile
@@ -45,10 +46,10 @@ bool writeFile(const QString& path, const QByteArray& data)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size();
 }
 
-QDBusMessage versionCall()
+QDBusMessage appCall(const char* method)
 {
     QDBusMessage call = QDBusMessage::createMethodCall(kService, s("/com/quorvia/Nimbrel/Proxy"),
-                                                       s("com.quorvia.Nimbrel.AppProtocol"), s("version"));
+                                                       s("com.quorvia.Nimbrel.AppProtocol"), s(method));
     call.setAutoStartService(false);
     return call;
 }
@@ -127,8 +128,9 @@ public:
         m_bus.waitForFinished(2000);
     }
 
-    // Starts the application and returns the seconds until `version` first answered (<0: never).
-    double startApp()
+    // Starts the application and returns the seconds until `version` (or, with `list`, the whole
+    // calendar list) first answered (<0: never).
+    double startApp(bool list = false)
     {
         QElapsedTimer clock;
         clock.start();
@@ -136,7 +138,7 @@ public:
         m_app.setProgram(s(NIMBREL_BENCH_APP));
         m_app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         m_app.start();
-        const QDBusMessage call = versionCall();
+        const QDBusMessage call = appCall(list ? "calendarsPublishableViaBonjour" : "version");
         while (clock.elapsed() < 60000 && m_app.state() != QProcess::NotRunning) {
             const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 60000);
             if (reply.type() == QDBusMessage::ReplyMessage)
@@ -184,10 +186,11 @@ World* gWorld = nullptr;
 void BM_BackgroundStart10000(benchmark::State& state)
 {
     const bool fresh = state.range(0) != 0;
+    const bool list = state.range(1) != 0;
     for (auto _ : state) {
         if (fresh)
             gWorld->removeDatabase();
-        const double seconds = gWorld->startApp();
+        const double seconds = gWorld->startApp(list);
         if (seconds < 0) {
             state.SkipWithError("the background application never answered");
             break;
@@ -197,9 +200,11 @@ void BM_BackgroundStart10000(benchmark::State& state)
     }
 }
 BENCHMARK(BM_BackgroundStart10000)
-    ->ArgName("fresh")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"fresh", "list"})
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({0, 1})
+    ->Args({1, 1})
     ->Iterations(5)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
@@ -228,7 +233,7 @@ void BM_EditToNotice10000(benchmark::State& state)
     std::atomic<qint64> longestWaitNs[2] = {0, 0};
     std::thread prober([&] {
         QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SessionBus, s("probe"));
-        const QDBusMessage call = versionCall();
+        const QDBusMessage call = appCall("version");
         while (phase < 2) {
             QElapsedTimer clock;
             clock.start();

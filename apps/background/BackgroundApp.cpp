@@ -8,6 +8,7 @@
 #include "platform/Bundle.h"
 #include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
+#include "platform/SignalNotifier.h"
 #include "protocol/AppProtocol.h"
 #include "protocol/NotificationBus.h"
 #include "protocol/Notifications.h"
@@ -16,14 +17,10 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFileInfo>
-#include <QSocketNotifier>
-#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <functional>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #ifndef NIMBREL_VERSION
@@ -62,61 +59,7 @@ long logLevel(const SettingsStore& shared)
     return level && std::isfinite(*level) && std::fabs(*level) < 1e6 ? long(*level) : 2;
 }
 
-// The write end of the signal pipe; the handler does nothing but write the signal's number there.
-volatile std::sig_atomic_t gSignalWriteFd = -1;
-
-void forwardSignal(int signalNumber)
-{
-    const int savedErrno = errno;
-    const unsigned char byte = static_cast<unsigned char>(signalNumber);
-    [[maybe_unused]] const ssize_t written = ::write(gSignalWriteFd, &byte, 1);
-    errno = savedErrno;
-}
-
 } // namespace
-
-// SIGTERM and SIGINT reach the event loop through a socket pair: the handler writes a byte, a
-// QSocketNotifier reads it on the main thread. No Qt call happens inside the handler.
-struct BackgroundApp::SignalPipe
-{
-    int fds[2] = {-1, -1};
-    struct sigaction previousTerm = {};
-    struct sigaction previousInt = {};
-    std::unique_ptr<QSocketNotifier> notifier;
-
-    bool install(std::function<void(int)> handler)
-    {
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds) != 0)
-            return false;
-        gSignalWriteFd = fds[1];
-        struct sigaction action = {};
-        action.sa_handler = forwardSignal;
-        sigemptyset(&action.sa_mask);
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGTERM, &action, &previousTerm);
-        sigaction(SIGINT, &action, &previousInt);
-        notifier = std::make_unique<QSocketNotifier>(fds[0], QSocketNotifier::Read);
-        QObject::connect(notifier.get(), &QSocketNotifier::activated, notifier.get(),
-                         [this, handler = std::move(handler)] {
-                             unsigned char byte = 0;
-                             while (::read(fds[0], &byte, 1) == 1)
-                                 handler(byte);
-                         });
-        return true;
-    }
-
-    ~SignalPipe()
-    {
-        if (fds[0] < 0)
-            return;
-        sigaction(SIGTERM, &previousTerm, nullptr);
-        sigaction(SIGINT, &previousInt, nullptr);
-        gSignalWriteFd = -1;
-        notifier.reset();
-        ::close(fds[0]);
-        ::close(fds[1]);
-    }
-};
 
 BackgroundOptions BackgroundOptions::defaults(const QString& appBundlePath)
 {
@@ -161,14 +104,13 @@ int BackgroundApp::start()
     if (m_serving)
         return ExitOk;
     if (m_options.handleSignals) {
-        m_signals = std::make_unique<SignalPipe>();
-        if (!m_signals->install([this](int signalNumber) {
+        m_signals = std::make_unique<SignalNotifier>(std::initializer_list<int>{SIGTERM, SIGINT});
+        if (m_signals->isValid())
+            connect(m_signals.get(), &SignalNotifier::signalReceived, this, [this](int signalNumber) {
                 stop(signalNumber == SIGTERM ? QStringLiteral("SIGTERM") : QStringLiteral("SIGINT"));
-            })) {
-            printError(QStringLiteral("Nimbrel: signals cannot be watched: %1")
-                           .arg(QString::fromLocal8Bit(std::strerror(errno))));
-            m_signals.reset();
-        }
+            });
+        else
+            printError(QStringLiteral("Nimbrel: signals cannot be watched"));
     }
     if (!m_options.connection.isConnected()) {
         printError(

@@ -22,7 +22,8 @@
 
 namespace nimbrel {
 class SettingsStore;
-}
+class SignalNotifier;
+} // namespace nimbrel
 
 namespace nimbrel::background {
 
@@ -85,8 +86,6 @@ private slots:
 
 private:
     bool lockDataFolder();
-    struct SignalPipe;
-
     void post(const QString& name);
     void flushBus();
     void openLog();
@@ -101,7 +100,7 @@ private:
     std::unique_ptr<BackgroundService> m_service;
     std::unique_ptr<UpdateScheduler> m_updates;
     std::unique_ptr<class Publishing> m_publishing;
-    std::unique_ptr<SignalPipe> m_signals;
+    std::unique_ptr<SignalNotifier> m_signals;
     std::unique_ptr<QLockFile> m_lock;
     QTimer m_flushTimer;
     bool m_serving = false;

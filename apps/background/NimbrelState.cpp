@@ -90,14 +90,14 @@ void NimbrelState::Private::calendarsChanged(const QList<CalendarChange>& change
     recordSome();
 }
 
-void NimbrelState::Private::recordSome()
+void NimbrelState::Private::recordSome(qsizetype chunkSize)
 {
     RunLoop::current().cancelPreviousPerformRequests(this, kRecordSelector);
     if (!db.isOpen()) {
         toRecord.clear();
         return;
     }
-    const QList<CalendarChange> chunk = toRecord.mid(0, kRecordChunk);
+    const QList<CalendarChange> chunk = toRecord.mid(0, chunkSize);
     toRecord.remove(0, chunk.size());
     QList<HistoryEntry> history;
     QStringList added;
@@ -125,8 +125,8 @@ void NimbrelState::Private::recordSome()
 void NimbrelState::Private::settleCalendars()
 {
     store->finishInitialScan();
-    while (!toRecord.isEmpty())
-        recordSome();
+    if (!toRecord.isEmpty())
+        recordSome(toRecord.size()); // someone waits for it: one transaction
 }
 
 // What the folders hold right now (the index may lag a hand edit by a batch).
@@ -370,6 +370,16 @@ bool NimbrelState::resumeAfterSyncHistoryReset()
     const bool ok = open();
     d->notify(kCalendarsChanged);
     return ok;
+}
+
+CalendarStore& NimbrelState::calendarStore()
+{
+    return *d->store;
+}
+
+const CalendarSettings& NimbrelState::calendarSettings() const
+{
+    return d->settings;
 }
 
 QStringList NimbrelState::diagnostics() const

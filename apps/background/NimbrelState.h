@@ -24,6 +24,9 @@ class PublishedStore;
 
 namespace nimbrel::background {
 
+class CalendarSettings;
+class CalendarStore;
+
 class NimbrelState : public QObject
 {
     Q_OBJECT
@@ -86,6 +89,12 @@ public:
 
     // Lines for the support log: counts, settings without passwords, schema version, paths.
     QStringList diagnostics() const;
+
+    // For the services that serve the calendars on the network: the local calendars (their items,
+    // ETags, sync tokens, writes) and what the user chose for each (published, passwords, read-only;
+    // read on every request, so that a change takes effect on the next one).
+    CalendarStore& calendarStore();
+    const CalendarSettings& calendarSettings() const;
 
 private:
     struct Private;

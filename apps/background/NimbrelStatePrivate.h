@@ -57,7 +57,7 @@ struct NimbrelState::Private
     // chunk per pass of the event loop (a first start brings thousands), then posts one "Nimbrel
     // Calendars Changed".
     void calendarsChanged(const QList<CalendarChange>& changes);
-    void recordSome();
+    void recordSome(qsizetype chunk = kRecordChunk);
     // The calendars complete before an answer or a change: the first look at the folders done and
     // recorded.
     void settleCalendars();

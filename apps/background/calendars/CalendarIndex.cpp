@@ -140,8 +140,8 @@ bool CalendarIndex::addCalendar(const QString& uid, const QString& title, const 
 {
     // Items found with the calendar need no log rows: a sync from its first token lists them all.
     const qint64 token = nextToken();
-    if (!Statements::run(m_sql->deleteItems, {uid}) || !Statements::run(m_sql->deleteLog, {uid}) ||
-        !Statements::run(m_sql->insertCalendar, {uid, title, color, token, token}))
+    // A calendar removed before took its items and log rows with it (removeCalendar).
+    if (!Statements::run(m_sql->insertCalendar, {uid, title, color, token, token}))
         return false;
     for (auto it = items.cbegin(); it != items.cend(); ++it) {
         const ItemStamp& s = it->stamp;

@@ -65,24 +65,29 @@ void CalendarStore::runSlice()
     }
 
     const qsizetype batchBefore = m_batch.size();
-    // At least one thing per slice, then as many as fit in its time.
+    // At least one thing per slice, then as many as fit in its time. What was named is taken from the
+    // sets into lists first: taking the first of a large hash one at a time would scan it each time.
     bool ok = m_db.begin();
-    while (ok && (!m_folders.isEmpty() || !m_meta.isEmpty() || !m_items.isEmpty())) {
-        if (!m_folders.isEmpty()) {
-            const QString uid = *m_folders.cbegin();
-            m_folders.erase(m_folders.cbegin());
-            ok = scanCalendar(uid);
-        } else if (!m_meta.isEmpty()) {
-            const QString uid = *m_meta.cbegin();
-            m_meta.erase(m_meta.cbegin());
-            ok = refreshMeta(uid);
-        } else {
-            const auto calendar = m_items.begin();
-            const QString uid = calendar.key();
-            const QSet<QString> hrefs = std::move(calendar.value());
-            m_items.erase(calendar);
+    while (ok) {
+        if (m_folderQueue.isEmpty() && !m_folders.isEmpty())
+            m_folderQueue = std::exchange(m_folders, {}).values();
+        if (m_metaQueue.isEmpty() && !m_meta.isEmpty())
+            m_metaQueue = std::exchange(m_meta, {}).values();
+        if (m_itemQueue.isEmpty() && !m_items.isEmpty()) {
+            for (auto it = m_items.cbegin(); it != m_items.cend(); ++it)
+                m_itemQueue.append({it.key(), it.value()});
+            m_items.clear();
+        }
+        if (!m_folderQueue.isEmpty()) {
+            ok = scanCalendar(m_folderQueue.takeLast());
+        } else if (!m_metaQueue.isEmpty()) {
+            ok = refreshMeta(m_metaQueue.takeLast());
+        } else if (!m_itemQueue.isEmpty()) {
+            const auto [uid, hrefs] = m_itemQueue.takeLast();
             for (const QString& href : hrefs)
                 ok = ok && refreshItem(uid, href);
+        } else {
+            break;
         }
         if (double(clock.nsecsElapsed()) / 1e9 >= m_sliceSeconds)
             break;
@@ -98,7 +103,7 @@ void CalendarStore::runSlice()
         schedule(kRetryAfterFailure);
         return;
     }
-    if (!m_folders.isEmpty() || !m_meta.isEmpty() || !m_items.isEmpty() || m_everything) {
+    if (hasWork()) {
         schedule(0);
         return;
     }
@@ -125,10 +130,19 @@ void CalendarStore::finishInitialScan()
 {
     if (!m_initialScan)
         return;
+    // Someone waits for it: one transaction, no slices.
+    const double sliceSeconds = std::exchange(m_sliceSeconds, 1e9);
     while (m_initialScan && m_index.isLoaded()) {
         RunLoop::current().cancelPreviousPerformRequests(this, kSlice);
         runSlice();
     }
+    m_sliceSeconds = sliceSeconds;
+}
+
+bool CalendarStore::hasWork() const
+{
+    return m_everything || !m_folders.isEmpty() || !m_meta.isEmpty() || !m_items.isEmpty() ||
+           !m_folderQueue.isEmpty() || !m_metaQueue.isEmpty() || !m_itemQueue.isEmpty();
 }
 
 bool CalendarStore::scanCalendar(const QString& uid)

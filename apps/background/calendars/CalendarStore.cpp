@@ -45,6 +45,9 @@ void CalendarStore::close()
     m_folders.clear();
     m_items.clear();
     m_meta.clear();
+    m_folderQueue.clear();
+    m_metaQueue.clear();
+    m_itemQueue.clear();
     m_unwatched.clear();
     m_batch.clear();
     m_scheduled = m_running = m_initialScan = false;

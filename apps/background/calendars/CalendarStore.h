@@ -152,6 +152,7 @@ private:
     void note(const WatchEvent& event);
     void schedule(double delay);
     void runSlice();
+    bool hasWork() const;
     bool scanCalendar(const QString& uid);
     bool refreshItem(const QString& uid, const QString& href);
     bool refreshMeta(const QString& uid);
@@ -171,8 +172,11 @@ private:
     QSet<QString> m_folders;               // look at the whole folder
     QHash<QString, QSet<QString>> m_items; // re-read these items
     QSet<QString> m_meta;                  // re-read displayname and color
-    QSet<QString> m_unwatched;             // calendars the periodic rescan looks at
-    QList<CalendarChange> m_batch;         // changes made since the last `changed`
+    QStringList m_folderQueue;             // taken from the sets above while a batch runs
+    QStringList m_metaQueue;
+    QList<std::pair<QString, QSet<QString>>> m_itemQueue;
+    QSet<QString> m_unwatched;     // calendars the periodic rescan looks at
+    QList<CalendarChange> m_batch; // changes made since the last `changed`
     bool m_scheduled = false;
     bool m_running = false;
     bool m_initialScan = false; // the first batch after opening an empty index is under way

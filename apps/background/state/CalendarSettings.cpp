@@ -22,6 +22,19 @@ QHash<QString, CalendarSettingsRow> CalendarSettings::rows() const
     return rows;
 }
 
+std::optional<CalendarSettingsRow> CalendarSettings::row(const QString& uid) const
+{
+    QSqlQuery q(m_db.handle());
+    q.prepare(QStringLiteral(
+        "SELECT sort_order, published_bonjour, published_google, read_password, write_password, "
+        "read_only FROM calendars WHERE uid = ? AND vanished_at IS NULL"));
+    q.addBindValue(uid);
+    if (!q.exec() || !q.next())
+        return std::nullopt;
+    return CalendarSettingsRow{q.value(0).toLongLong(), q.value(1).toBool(),   q.value(2).toBool(),
+                               q.value(3).toString(),   q.value(4).toString(), q.value(5).toBool()};
+}
+
 bool CalendarSettings::contains(const QString& uid) const
 {
     return m_db.scalar(QStringLiteral("SELECT 1 FROM calendars WHERE uid = ? AND vanished_at IS NULL"), {uid})

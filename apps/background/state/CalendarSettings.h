@@ -10,6 +10,7 @@
 #include <QHash>
 #include <QString>
 #include <QStringList>
+#include <optional>
 
 namespace nimbrel::background {
 
@@ -34,6 +35,8 @@ public:
 
     // The rows of present calendars by uid.
     QHash<QString, CalendarSettingsRow> rows() const;
+    // One present calendar's row (one indexed query).
+    std::optional<CalendarSettingsRow> row(const QString& uid) const;
     bool contains(const QString& uid) const;
 
     // Rows for calendars seen for the first time, placed after the others in the given order; a
