@@ -11,6 +11,7 @@
 
 #include "logging/Log.h"
 #include "pane/ComQuorviaNimbrelPref.h"
+#include "panel_support.h"
 #include "platform/SettingsStore.h"
 #include "platform/VirtualRunLoop.h"
 
@@ -29,32 +30,16 @@
 #include <memory>
 
 using namespace nimbrel;
+using namespace nimbrel::bench;
 
 namespace {
-
-QString binDir()
-{
-    return QCoreApplication::applicationDirPath();
-}
-
-QString paneBundle()
-{
-    return QDir::cleanPath(binDir() + QStringLiteral("/../lib/nimbrel/Nimbrel.prefPane"));
-}
 
 // A pane offscreen with its log tab showing, in virtual time, not connected to anything.
 struct LogTabFixture
 {
     LogTabFixture()
     {
-        PaneEnvironment environment;
-        environment.runLoop = &loop;
-        pane = std::make_unique<ComQuorviaNimbrelPref>(Bundle(paneBundle()), environment);
-        pane->loadMainView(&window);
-        pane->awakeFromNib();
-        pane->mainViewDidLoad();
-        window.resize(668, 560);
-        window.show();
+        pane = loadPane(window, loop);
         auto* tabs = window.findChild<QTabWidget*>(QStringLiteral("tabView"));
         const QSignalBlocker quiet(tabs);
         tabs->setCurrentWidget(tabs->findChild<QWidget*>(QStringLiteral("log")));
@@ -108,56 +93,6 @@ BENCHMARK(BM_LogTabIdlePoll)->Unit(benchmark::kMicrosecond);
 
 // ---- Start to first paint -----------------------------------------------------------------------
 
-struct BackgroundApp
-{
-    bool start(int calendars)
-    {
-        // 10 000 local calendars: vdir folders with a display name and a colour.
-        const QString root =
-            QDir(qEnvironmentVariable("XDG_DATA_HOME")).filePath(QStringLiteral("Nimbrel/Calendars"));
-        for (int i = 0; i < calendars; ++i) {
-            const QString folder = QStringLiteral("%1/cal-%2").arg(root).arg(i, 5, 10, QLatin1Char('0'));
-            QDir().mkpath(folder);
-            QFile name(folder + QStringLiteral("/displayname"));
-            name.open(QIODevice::WriteOnly);
-            name.write("Calendar " + QByteArray::number(i));
-        }
-        bus.setProgram(QStringLiteral("dbus-daemon"));
-        bus.setArguments(
-            {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
-        bus.start();
-        if (!bus.waitForReadyRead(10000))
-            return false;
-        qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
-        app.setProgram(paneBundle() + QStringLiteral("/Resources/Nimbrel.app/Nimbrel"));
-        app.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        app.start();
-        if (!app.waitForStarted(10000))
-            return false;
-        // Serving once `version` answers over the bus.
-        for (QDeadlineTimer deadline(120000); !deadline.hasExpired(); QThread::msleep(100)) {
-            QProcess probe;
-            probe.start(QStringLiteral("dbus-send"),
-                        {QStringLiteral("--session"), QStringLiteral("--dest=com.quorvia.Nimbrel.Proxy"),
-                         QStringLiteral("--print-reply"), QStringLiteral("/com/quorvia/Nimbrel/Proxy"),
-                         QStringLiteral("com.quorvia.Nimbrel.AppProtocol.version")});
-            probe.waitForFinished(10000);
-            if (probe.readAllStandardOutput().contains("int32 5"))
-                return true;
-        }
-        return false;
-    }
-    ~BackgroundApp()
-    {
-        app.terminate();
-        app.waitForFinished(10000);
-        bus.kill();
-        bus.waitForFinished(5000);
-    }
-    QProcess bus;
-    QProcess app;
-};
-
 // Runs nimbrel-preferences against the background application and times the start until `line`:
 // "first paint" (the window is on screen) or "selected" (the pane has talked to the background
 // application, fetched its lists and shows the real status).
@@ -209,20 +144,5 @@ BENCHMARK(BM_PanelReady)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterat
 
 int main(int argc, char** argv)
 {
-    // A private home for everything the panel and the background application write.
-    QTemporaryDir home;
-    for (const char* variable :
-         {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
-        const QString path = home.path() + QLatin1Char('/') + QLatin1String(variable);
-        QDir().mkpath(path);
-        qputenv(variable, path.toUtf8());
-    }
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    qputenv("NIMBREL_UPDATE_FEED", "file:///dev/null");
-    QApplication app(argc, argv);
-    Bundle(paneBundle()).loadStringTable(QStringLiteral("NimbrelPref"));
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return runPanelBenchmarks(argc, argv);
 }

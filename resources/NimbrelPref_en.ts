@@ -41,7 +41,7 @@
     </message>
     <message>
         <source>DisconnectAlertMsg</source>
-        <translation>You are subscribed to calendars on “%@”. Disconnecting removes those subscriptions from this computer.</translation>
+        <translation>You subscribe to calendars on “%@”. If you disconnect, these subscriptions are removed from this computer.</translation>
     </message>
     <message>
         <source>DisconnectAlertDefaultButton</source>
@@ -57,7 +57,7 @@
     </message>
     <message>
         <source>DisconnectGoogleAlertMsg</source>
-        <translation>Calendars of “%@” are published or subscribed. Disconnecting stops syncing them with Google.</translation>
+        <translation>Some of your calendars are published to “%@” or subscribed from it. If you disconnect, they are no longer kept in step with Google.</translation>
     </message>
     <message>
         <source>DisconnectGoogleAlertDefaultButton</source>

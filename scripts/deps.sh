@@ -5,7 +5,7 @@ NIMBREL_PACKAGES="cmake ninja-build g++ clang pkg-config
 qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
 libqt6sql6-sqlite libqt6dbus6 libgl-dev
 libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
-dbus-daemon dbus-bin shared-mime-info zip unzip xdg-utils procps
+dbus-daemon dbus-bin shared-mime-info zip unzip xdg-utils procps sqlite3
 libmicrohttpd-dev libgnutls28-dev libical-dev libavahi-client-dev libssl-dev libcurl4-openssl-dev
 curl python3 python3-caldav python3-cbor2 python3-dbus vdirsyncer radicale xandikos git
 avahi-daemon avahi-utils iproute2 util-linux"

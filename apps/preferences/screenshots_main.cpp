@@ -4,16 +4,21 @@
 
 #include "PreferencesHost.h"
 #include "platform/Bundle.h"
+#include "platform/PlistCodec.h"
 #include "platform/SettingsStore.h"
 #include "platform/Strings.h"
 #include "platform/gui/GuiHooks.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFileDialog>
+#include <QLineEdit>
 #include <QMessageBox>
+#include <QProcess>
 #include <QTabWidget>
+#include <QTableView>
 #include <QThread>
 #include <cstdio>
 
@@ -39,6 +44,7 @@ bool save(QWidget* widget, const QString& path)
     return ok;
 }
 
+// The open sheet or alert of the pane's window (the newest visible one).
 template <class T> T* openTopLevel()
 {
     for (QWidget* widget : QApplication::topLevelWidgets()) {
@@ -50,6 +56,172 @@ template <class T> T* openTopLevel()
         }
     }
     return nullptr;
+}
+
+template <class T> T* child(QWidget* parent, const char* name)
+{
+    T* found = parent ? parent->findChild<T*>(QLatin1String(name)) : nullptr;
+    if (!found)
+        std::fprintf(stderr, "nimbrel-screenshots: no %s\n", name);
+    return found;
+}
+
+void click(QWidget* parent, const char* button)
+{
+    if (auto* found = child<QAbstractButton>(parent, button))
+        found->click();
+    settle(300);
+}
+
+// Types into a field as a user does (the field's edits reach the pane's copy).
+void type(QWidget* parent, const char* field, const QString& text)
+{
+    if (auto* edit = child<QLineEdit>(parent, field)) {
+        edit->selectAll();
+        edit->del();
+        edit->insert(text);
+    }
+}
+
+// A remote server's calendars as if they had been found there (the background application stores them
+// once it can look; here they are written into its database as its tests do).
+void addSubscriptions(const QString& sourceUid)
+{
+    const QString database =
+        QDir(qEnvironmentVariable("XDG_DATA_HOME")).filePath(QStringLiteral("Nimbrel/Nimbrel.nsql"));
+    struct Calendar
+    {
+        const char *uid, *title;
+        bool subscribed, readOnly;
+    };
+    const Calendar calendars[] = {{"office-team", "Team meetings", true, false},
+                                  {"office-rooms", "Meeting rooms", true, true},
+                                  {"office-holidays", "Office holidays", false, true}};
+    QString sql;
+    for (const Calendar& calendar : calendars) {
+        const QVariantMap record{{QStringLiteral("title"), QLatin1String(calendar.title)},
+                                 {QStringLiteral("readableByAnyone"), true},
+                                 {QStringLiteral("writableByAnyone"), !calendar.readOnly},
+                                 {QStringLiteral("readOnly"), calendar.readOnly},
+                                 {QStringLiteral("filterAttachments"), calendar.readOnly}};
+        const QByteArray blob = plist::write(record).value_or(QByteArray());
+        sql += QStringLiteral("INSERT INTO subscriptions (uid, source_uid, subscribed, record) "
+                              "VALUES ('%1', '%2', %3, X'%4');")
+                   .arg(QLatin1String(calendar.uid), sourceUid)
+                   .arg(calendar.subscribed ? 1 : 0)
+                   .arg(QString::fromLatin1(blob.toHex()));
+    }
+    QProcess sqlite;
+    sqlite.start(QStringLiteral("sqlite3"), {database, sql});
+    if (!sqlite.waitForFinished(10000) || sqlite.exitCode() != 0)
+        std::fprintf(stderr, "nimbrel-screenshots: sqlite3 failed: %s\n",
+                     sqlite.readAllStandardError().constData());
+}
+
+// The publishing, subscription and Google tabs set up as a user would, with a picture of every sheet
+// and alert on the way.
+void calendarScenes(ComQuorviaNimbrelPref* pane, QWidget* window, QTabWidget* tabs, const QDir& out)
+{
+    const auto shot = [&out](QWidget* widget, const char* name) {
+        save(widget, out.filePath(QLatin1String(name) + QStringLiteral(".png")));
+    };
+    // Publishing: tick the first calendar, give it passwords.
+    tabs->setCurrentWidget(tabs->findChild<QWidget*>(QStringLiteral("publish")));
+    settle(300);
+    auto* publishTable = child<QTableView>(window, "publishTableView");
+    pane->publishCheckbox(publishTable->model()->index(0, 0));
+    settle(500);
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        type(sheet, "readPasswordField", QStringLiteral("family"));
+        settle(200);
+        shot(sheet, "sheet-publish-options");
+        click(sheet, "publishOptionsOKButton");
+    }
+    settle(1000);
+    publishTable->selectRow(0);
+    shot(window, "tab-publish");
+    // Network settings: a fixed port, then one the formatter refuses.
+    click(window, "networkSettingsButton");
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        click(sheet, "fixedPortButton");
+        shot(sheet, "sheet-network-settings");
+        type(sheet, "portField", QStringLiteral("80"));
+        click(sheet, "networkSettingsOKButton");
+        if (auto* error = sheet->findChild<QMessageBox*>(QStringLiteral("portError"))) {
+            shot(error, "alert-port");
+            error->done(0);
+        }
+        settle(200);
+        click(sheet, "networkSettingsCancelButton");
+    }
+
+    // Subscriptions: a remote server with three calendars.
+    tabs->setCurrentWidget(tabs->findChild<QWidget*>(QStringLiteral("subscribe")));
+    settle(300);
+    click(window, "addServerButton");
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        type(sheet, "serverTitleField", QStringLiteral("Office"));
+        type(sheet, "serverURLField", QStringLiteral("https://calendar.example.org/dav/"));
+        type(sheet, "serverLoginField", QStringLiteral("ann"));
+        type(sheet, "serverPasswordField", QStringLiteral("secret"));
+        settle(200);
+        shot(sheet, "sheet-server-add");
+        click(sheet, "serverSettingsOKButton");
+    }
+    settle(1000);
+    const std::shared_ptr<CalendarList> sources = pane->subscribeCalendars();
+    if (!sources->isEmpty()) {
+        addSubscriptions(sources->first()->uid().toString());
+        pane->com().calcChangesForSubscribedCalendars();
+        settle(500);
+    }
+    pane->setSelectionIndexPath({0, 2});
+    settle(300);
+    shot(window, "tab-subscribe");
+    click(window, "subscribeOptionsButton");
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        shot(sheet, "sheet-subscribe-options");
+        click(sheet, "subscribeOptionsCancelButton");
+    }
+    pane->setSelectionIndexPath({0});
+    settle(200);
+    click(window, "addServerButton");
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        shot(sheet, "sheet-server-edit");
+        click(sheet, "serverDisconnectButton");
+        if (auto* alert = openTopLevel<QMessageBox>()) {
+            shot(alert, "alert-disconnect");
+            alert->done(0);
+            settle(200);
+        }
+    }
+
+    // Google: set up the account, publish a calendar to it, then its settings and disconnection.
+    tabs->setCurrentWidget(tabs->findChild<QWidget*>(QStringLiteral("google")));
+    settle(300);
+    click(window, "googleSettingsButton");
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        type(sheet, "googleLoginField", QStringLiteral("ann@example.com"));
+        type(sheet, "googlePasswordField", QStringLiteral("secret"));
+        settle(200);
+        shot(sheet, "sheet-google-new");
+        click(sheet, "googleSettingsOKButton");
+    }
+    settle(1000);
+    auto* googleTable = child<QTableView>(window, "publishGoogleTableView");
+    pane->publishGoogleCheckbox(googleTable->model()->index(1, 0));
+    settle(1000);
+    shot(window, "tab-google");
+    click(window, "googleSettingsButton");
+    if (QDialog* sheet = openTopLevel<QDialog>()) {
+        shot(sheet, "sheet-google-settings");
+        click(sheet, "googleDisconnectButton");
+        if (auto* alert = openTopLevel<QMessageBox>()) {
+            shot(alert, "alert-google-disconnect");
+            alert->done(0);
+            settle(200);
+        }
+    }
 }
 
 } // namespace
@@ -107,10 +279,11 @@ int main(int argc, char** argv)
     }
 
     auto* tabs = window->findChild<QTabWidget*>(QStringLiteral("tabView"));
-    for (int i = 0; tabs && i < tabs->count(); ++i) {
-        tabs->setCurrentIndex(i);
-        settle(i == tabs->count() - 1 ? 1500 : 300);
-        save(window, out.filePath(QStringLiteral("tab-%1.png").arg(tabs->widget(i)->objectName())));
+    calendarScenes(pane, window, tabs, out);
+    for (const char* name : {"reset", "log"}) {
+        tabs->setCurrentWidget(tabs->findChild<QWidget*>(QLatin1String(name)));
+        settle(1500);
+        save(window, out.filePath(QStringLiteral("tab-%1.png").arg(QLatin1String(name))));
     }
 
     // The reset confirmation.

@@ -22,9 +22,11 @@
 #include <optional>
 #include <vector>
 
+class QAbstractButton;
 class QAbstractItemModel;
 class QAbstractItemView;
 class QCheckBox;
+class QComboBox;
 class QDialog;
 class QLabel;
 class QLineEdit;
@@ -32,6 +34,7 @@ class QModelIndex;
 class QPlainTextEdit;
 class QProgressBar;
 class QPushButton;
+class QStyleOptionViewItem;
 class QStyledItemDelegate;
 class QTabWidget;
 class QTableView;
@@ -39,6 +42,7 @@ class QTreeView;
 
 namespace nimbrel {
 
+class CalendarItemModel;
 class ClickableTextField;
 class RunLoop;
 class SourceTableColumn;
@@ -136,25 +140,80 @@ public:
     void setValueForKeyPath(const QString& keyPath, const QVariant& value);
     void observeValueForKeyPath(const QString& keyPath, const void* object);
 
-    // ---- Publishing tab and network settings (PanePublishTab.cpp) --------------------------------
+    // ---- Publishing tab (PanePublishTab.cpp) --------------------------------------------------------
     std::shared_ptr<CalendarList> publishCalendars();
     const QVariantMap& publishOptions() const { return m_publishOptionsDict; }
     const QVariantMap& networkSettings() const { return m_networkSettingsDict; }
-    void updateNetworkSettings(const std::optional<QVariantMap>& info);
+    QString publishOptionsReadAccessSummary() const;
+    QString publishOptionsWriteAccessSummary() const;
+    bool publishOptionsEnabled() const; // a publishable calendar is selected
     void publishOptionsButton(QObject* sender);
+    void publishingCalendar(const QVariantMap& calendar);
+    void publishCheckbox(const QModelIndex& row); // the publish column's binding
+    void networkSettingsButton(QObject* sender);
+    void setBonjourNameButton(QObject* sender);
+    // control:textView:doCommandBySelector: — Return in the Bonjour name field sets the name.
+    bool control(QObject* control, QObject* textView, const QByteArray& command);
+    void updateNetworkSettings(const std::optional<QVariantMap>& info);
+
+    // ---- Publish options and network settings sheets (PublishOptionsSheet.cpp, NetworkSettingsSheet.cpp)
+    void publishOptionsSheetButton(QObject* sender);
+    void publishOptionsSheetDidEnd(int returnCode);
+    void networkSettingsSheetButton(QObject* sender);
+    void networkSettingsSheetDidEnd(int returnCode);
 
     // ---- Subscription tab (PaneSubscribeTab.cpp) --------------------------------------------------
     std::shared_ptr<CalendarList> subscribeCalendars();
     const QVariantMap& subscribeOptions() const { return m_subscribeOptionsDict; }
     const QVariantMap& serverSettings() const { return m_serverSettingsDict; }
-    void subscribeOptionsButton(QObject* sender);
+    // Not const: while offline with a changed password it clears the copy's restriction flags.
+    QString subscribeOptionsAccessSummary();
+    bool subscribeOptionsEnabled() const;
+    QString addServerButtonName() const;
+    void outlineViewWillDisplayCell(QStyledItemDelegate* cell, QStyleOptionViewItem& option,
+                                    const QModelIndex& item);
+    bool outlineViewShouldSelectItem(const NimbrelCalendar& node) const;
+    bool outlineViewShouldExpandItem(NimbrelCalendar& node);
+    bool outlineViewShouldCollapseItem(NimbrelCalendar& node);
     void subscribeCheckbox(const QModelIndex& row);
+    void subscribeOptionsButton(QObject* sender);
+    void subscribeToCalendar(const QVariantMap& calendar);
+    bool sourceIsOffline(const QVariantMap& calendar);
+    bool subscribePassIsChanged(const QVariantMap& calendar);
+    // The index path of a row of subscribeCalendars (depth first; a matching source before its
+    // calendars); nullopt when it is not there.
+    std::optional<QList<int>> indexPathToObject(const NimbrelCalendar& node);
+    QList<int> selectionIndexPath() const;
+    void setSelectionIndexPath(const QList<int>& path);
+
+    // ---- Subscribe options and server settings sheets (SubscribeOptionsSheet.cpp, ServerSettingsSheet.cpp)
+    void subscribeOptionsSheetButton(QObject* sender);
+    void subscribeOptionsSheetDidEnd(int returnCode);
+    void addServerButton(QObject* sender);
+    void editServerSettings(const QVariantMap& settings);
+    void serverSettingsSheetButton(QObject* sender);
+    void serverSettingsSheetDidEnd(int returnCode);
+    void disconnectButtonEnd(int returnCode);
+    void doDisconnect();
 
     // ---- Google tab (PaneGoogleTab.cpp) -----------------------------------------------------------
     std::shared_ptr<CalendarList> publishToGoogle();
+    CalendarList subscribeToGoogle();
+    QVariant googleAccount();
+    QVariant googleLastSync();
     const QVariantMap& googleSettings() const { return m_googleSettingsDict; }
     void publishGoogleCheckbox(const QModelIndex& row);
     void subscribeGoogleCheckbox(const QModelIndex& row);
+    void tableViewWillDisplayCell(const ColumnOutlet& column, QStyleOptionViewItem& option, int row);
+    void googleSyncNowButton(QObject* sender);
+    bool googleSyncInProgress() const { return m_googleSyncInProgress; }
+
+    // ---- Google settings sheet (GoogleSettingsSheet.cpp) ---------------------------------------------
+    void googleOptionsButton(QObject* sender);
+    void googleSettingsSheetButton(QObject* sender);
+    void googleSettingsSheetDidEnd(int returnCode);
+    void googleDisconnectButtonEnd(int returnCode);
+    void doGoogleDisconnect();
 
     // ---- Reset tab (PaneResetTab.cpp) -------------------------------------------------------------
     void resetSyncHistoryButton(QObject* sender);
@@ -202,6 +261,17 @@ private:
     QWidget* loadPublishTab();
     QWidget* loadSubscribeTab();
     QWidget* loadGoogleTab();
+    QDialog* loadPublishOptionsSheet();
+    QDialog* loadNetworkSettingsSheet();
+    QDialog* loadSubscribeOptionsSheet();
+    QDialog* loadServerSettingsSheet();
+    QDialog* loadGoogleSettingsSheet();
+    CalendarRef googleSource();
+    // Controls that edit a key path of the pane's dictionaries, both ways ("serverSettings.title").
+    void bindField(QLineEdit* field, const QString& keyPath);
+    void bindBox(QAbstractButton* box, const QString& keyPath);
+    void bindChoice(QComboBox* choice, const QString& keyPath);
+    void connectSheetButtons(QDialog* sheet, void (ComQuorviaNimbrelPref::*action)(QObject*));
     QWidget* loadResetTab();
     QWidget* loadLogTab();
     QDialog* loadWelcomeSheet();
@@ -226,14 +296,14 @@ private:
     QProgressBar* m_checkIndicator = nullptr;
     QLabel* m_checkDateField = nullptr;
     QTableView* m_publishTableView = nullptr;
-    QAbstractItemModel* m_publishController = nullptr;
+    CalendarItemModel* m_publishController = nullptr;
     QPushButton* m_setButton = nullptr;
     QProgressBar* m_setIndicator = nullptr;
     QTreeView* m_subscribeOutlineView = nullptr;
     SourceTableColumn* m_sourceColumn = nullptr;
-    QAbstractItemModel* m_subscribeController = nullptr;
-    QAbstractItemModel* m_publishGoogleController = nullptr;
-    QAbstractItemModel* m_subscribeGoogleController = nullptr;
+    CalendarItemModel* m_subscribeController = nullptr;
+    CalendarItemModel* m_publishGoogleController = nullptr;
+    CalendarItemModel* m_subscribeGoogleController = nullptr;
     ColumnOutlet m_publishGoogleColumn;
     ColumnOutlet m_subscribeGoogleColumn;
     QPushButton* m_googleSettingsButton = nullptr;

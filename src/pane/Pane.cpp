@@ -167,13 +167,16 @@ void ComQuorviaNimbrelPref::awakeFromNib()
             m_subscribeOutlineView->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             [this] { observeValueForKeyPath(QStringLiteral("selectionIndexPath"), m_subscribeController); });
     }
+    // A key path is observed along its way too: replacing the whole dictionary changes its end.
     for (const char* keyPath : {"publishOptions.readPassword", "publishOptions.writePassword",
                                 "subscribeOptions.subscribePassword", "networkSettings.portType"}) {
         const QString path = QLatin1String(keyPath);
-        m_observations.push_back(observe(path, [this, path](const ChangeNotice& notice) {
-            if (notice.phase == ChangePhase::Did)
-                observeValueForKeyPath(path, this);
-        }));
+        for (const QString& key : {path.section(QLatin1Char('.'), 0, 0), path}) {
+            m_observations.push_back(observe(key, [this, path](const ChangeNotice& notice) {
+                if (notice.phase == ChangePhase::Did)
+                    observeValueForKeyPath(path, this);
+            }));
+        }
     }
 }
 
@@ -184,7 +187,7 @@ void ComQuorviaNimbrelPref::mainViewDidLoad()
         m_binder.bindText(m_checkDateField, QStringLiteral("lastCheckedDate"),
                           [this] { return lastCheckedDateText(); });
 
-    // 2. Double click on the publishing table opens its options.
+    // 2. Double click on the publishing table opens its options (Return does the same, see the tab).
     if (m_publishTableView) {
         QObject::connect(m_publishTableView, &QAbstractItemView::doubleClicked, this,
                          [this] { publishOptionsButton(m_publishTableView); });
@@ -201,6 +204,13 @@ void ComQuorviaNimbrelPref::mainViewDidLoad()
     auto* leafCell = new SourceButtonCell(QString());
     leafCell->setEditable(true);
     leafCell->setAction([this](const QModelIndex& row) { subscribeCheckbox(row); });
+    // The outline's delegate decides what each cell shows.
+    sourceCell->setWillDisplay([this, sourceCell](QStyleOptionViewItem& option, const QModelIndex& item) {
+        outlineViewWillDisplayCell(sourceCell, option, item);
+    });
+    leafCell->setWillDisplay([this, leafCell](QStyleOptionViewItem& option, const QModelIndex& item) {
+        outlineViewWillDisplayCell(leafCell, option, item);
+    });
     if (m_sourceColumn)
         m_sourceColumn->setSourceCell(sourceCell, leafCell);
     else {
@@ -210,7 +220,7 @@ void ComQuorviaNimbrelPref::mainViewDidLoad()
 
     // 6. The outline keeps its column width; a double click opens the subscription's options.
     if (m_subscribeOutlineView) {
-        m_subscribeOutlineView->header()->setStretchLastSection(true);
+        m_subscribeOutlineView->header()->setSectionResizeMode(0, QHeaderView::Stretch);
         QObject::connect(m_subscribeOutlineView, &QAbstractItemView::doubleClicked, this,
                          [this] { subscribeOptionsButton(m_subscribeOutlineView); });
     }
@@ -219,10 +229,16 @@ void ComQuorviaNimbrelPref::mainViewDidLoad()
     auto* publishGoogleCell = new SourceButtonCell(QString(), m_publishGoogleColumn.view);
     publishGoogleCell->setEditable(true);
     publishGoogleCell->setAction([this](const QModelIndex& row) { publishGoogleCheckbox(row); });
+    publishGoogleCell->setWillDisplay([this](QStyleOptionViewItem& option, const QModelIndex& index) {
+        tableViewWillDisplayCell(m_publishGoogleColumn, option, index.row());
+    });
     m_publishGoogleColumn.setDataCell(publishGoogleCell);
     auto* subscribeGoogleCell = new SourceButtonCell(QString(), m_subscribeGoogleColumn.view);
     subscribeGoogleCell->setEditable(true);
     subscribeGoogleCell->setAction([this](const QModelIndex& row) { subscribeGoogleCheckbox(row); });
+    subscribeGoogleCell->setWillDisplay([this](QStyleOptionViewItem& option, const QModelIndex& index) {
+        tableViewWillDisplayCell(m_subscribeGoogleColumn, option, index.row());
+    });
     m_subscribeGoogleColumn.setDataCell(subscribeGoogleCell);
 }
 
@@ -262,18 +278,56 @@ QVariant ComQuorviaNimbrelPref::valueForKeyPath(const QString& keyPath) const
     return value;
 }
 
+namespace {
+
+// Stores `value` (or removes the key when it is invalid) at `path` inside `dictionary`, making the
+// dictionaries on the way as needed.
+void storeAtPath(QVariantMap& dictionary, QStringList path, const QVariant& value)
+{
+    const QString key = path.takeFirst();
+    if (!path.isEmpty()) {
+        QVariantMap inner = dictionary.value(key).toMap();
+        storeAtPath(inner, path, value);
+        dictionary.insert(key, inner);
+    } else if (value.isValid()) {
+        dictionary.insert(key, value);
+    } else {
+        dictionary.remove(key);
+    }
+}
+
+} // namespace
+
 void ComQuorviaNimbrelPref::setValueForKeyPath(const QString& keyPath, const QVariant& value)
 {
-    const QStringList parts = keyPath.split(QLatin1Char('.'));
-    QVariantMap* dictionary = dictionaryForKey(parts.value(0));
-    if (!dictionary || parts.size() != 2)
+    QStringList parts = keyPath.split(QLatin1Char('.'));
+    QVariantMap* dictionary = dictionaryForKey(parts.takeFirst());
+    if (!dictionary || parts.isEmpty())
         return;
     willChangeValueForKey(keyPath);
-    if (value.isValid())
-        dictionary->insert(parts.at(1), value);
-    else
-        dictionary->remove(parts.at(1));
+    storeAtPath(*dictionary, parts, value);
     didChangeValueForKey(keyPath);
+}
+
+void ComQuorviaNimbrelPref::bindField(QLineEdit* field, const QString& keyPath)
+{
+    m_binder.bindLineEdit(
+        field, keyPath, [this, keyPath] { return valueForKeyPath(keyPath).toString(); },
+        [this, keyPath](const QString& text) { setValueForKeyPath(keyPath, text); });
+}
+
+void ComQuorviaNimbrelPref::bindBox(QAbstractButton* box, const QString& keyPath)
+{
+    m_binder.bindChecked(
+        box, keyPath, [this, keyPath] { return boolValue(valueForKeyPath(keyPath)); },
+        [this, keyPath](bool on) { setValueForKeyPath(keyPath, on); });
+}
+
+void ComQuorviaNimbrelPref::bindChoice(QComboBox* choice, const QString& keyPath)
+{
+    m_binder.bindComboData(
+        choice, keyPath, [this, keyPath] { return valueForKeyPath(keyPath); },
+        [this, keyPath](const QVariant& value) { setValueForKeyPath(keyPath, value); });
 }
 
 void ComQuorviaNimbrelPref::observeValueForKeyPath(const QString& keyPath, const void* object)

@@ -95,8 +95,12 @@ QDateTime ComQuorviaNimbrelPref::lastCheckedDate() const
 
 QString ComQuorviaNimbrelPref::lastCheckedDateText() const
 {
-    // Long date, no time, in the user's locale and time zone.
-    return QLocale().toString(lastCheckedDate().toLocalTime().date(), QLocale::LongFormat);
+    // Long date, no time, in the user's locale and time zone. The link answers the reference date
+    // (2001-01-01) when no check ever ran: a date the user would take for a real one.
+    const QDateTime date = lastCheckedDate();
+    if (date <= QDateTime(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC))
+        return localizedString(QStringLiteral("Never"));
+    return QLocale().toString(date.toLocalTime().date(), QLocale::LongFormat);
 }
 
 bool ComQuorviaNimbrelPref::isLeopardOrLater()

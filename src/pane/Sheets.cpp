@@ -40,17 +40,22 @@ QMessageBox* beginAlertSheet(QWidget* window, QObject* context, const AlertTexts
 {
     auto* alert = new QMessageBox(window);
     alert->setAttribute(Qt::WA_DeleteOnClose);
-    alert->setIcon(QMessageBox::Information);
+    alert->setIcon(texts.warning ? QMessageBox::Warning : QMessageBox::Information);
     alert->setWindowTitle(texts.title);
     alert->setText(QStringLiteral("<b>%1</b>").arg(texts.title.toHtmlEscaped()));
     alert->setTextFormat(Qt::RichText);
     alert->setInformativeText(texts.message.toHtmlEscaped());
     QPushButton* defaultButton = alert->addButton(texts.defaultButton, QMessageBox::AcceptRole);
-    QPushButton* alternateButton = alert->addButton(texts.alternateButton, QMessageBox::RejectRole);
     defaultButton->setProperty("tag", kAlertDefaultReturn);
-    alternateButton->setProperty("tag", kAlertAlternateReturn);
     alert->setDefaultButton(defaultButton);
-    alert->setEscapeButton(alternateButton);
+    QPushButton* alternateButton = nullptr;
+    if (!texts.alternateButton.isEmpty()) {
+        alternateButton = alert->addButton(texts.alternateButton, QMessageBox::RejectRole);
+        alternateButton->setProperty("tag", kAlertAlternateReturn);
+        alert->setEscapeButton(alternateButton);
+    } else {
+        alert->setEscapeButton(defaultButton);
+    }
     alert->setWindowModality(Qt::WindowModal);
     // Wide enough that a message of a few sentences reads as a paragraph, not a column.
     alert->setStyleSheet(QStringLiteral("QLabel#qt_msgbox_informativelabel { min-width: 360px; }"));
@@ -58,9 +63,9 @@ QMessageBox* beginAlertSheet(QWidget* window, QObject* context, const AlertTexts
         alert, &QDialog::finished, context ? context : alert,
         [alert, defaultButton, alternateButton, didEnd](int) {
             const QAbstractButton* clicked = alert->clickedButton();
-            const int code = clicked == defaultButton     ? kAlertDefaultReturn
-                             : clicked == alternateButton ? kAlertAlternateReturn
-                                                          : kAlertOtherReturn;
+            const int code = clicked == defaultButton                ? kAlertDefaultReturn
+                             : clicked && clicked == alternateButton ? kAlertAlternateReturn
+                                                                     : kAlertOtherReturn;
             if (didEnd)
                 didEnd(code);
         },
@@ -96,6 +101,7 @@ bool isAnimating(const QProgressBar* indicator)
 #include "platform/Strings.h"
 
 #include <QAbstractButton>
+#include <QComboBox>
 #include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -121,6 +127,10 @@ void localizeTexts(QWidget* root)
             widget->setWindowTitle(tr(widget->windowTitle()));
         if (!widget->toolTip().isEmpty())
             widget->setToolTip(tr(widget->toolTip()));
+        if (!widget->accessibleName().isEmpty())
+            widget->setAccessibleName(tr(widget->accessibleName()));
+        if (!widget->accessibleDescription().isEmpty())
+            widget->setAccessibleDescription(tr(widget->accessibleDescription()));
         if (auto* label = qobject_cast<QLabel*>(widget); label && label->textFormat() != Qt::RichText)
             label->setText(tr(label->text()));
         else if (auto* button = qobject_cast<QAbstractButton*>(widget))
@@ -152,6 +162,15 @@ void prepareIndicator(QProgressBar* indicator)
     indicator->setTextVisible(false);
     indicator->setMaximumHeight(10);
     stopAnimation(indicator);
+}
+
+void addSyncIntervalChoices(QComboBox* choice)
+{
+    if (!choice)
+        return;
+    const char* const texts[] = {"Every 5 minutes", "Every 15 minutes", "Every hour", "Once a day"};
+    for (int value = 0; value < 4; ++value)
+        choice->addItem(localizedString(QLatin1String(texts[value])), qint64(value));
 }
 
 } // namespace nimbrel

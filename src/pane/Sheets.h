@@ -7,6 +7,7 @@
 #include <QString>
 #include <functional>
 
+class QComboBox;
 class QDialog;
 class QMessageBox;
 class QObject;
@@ -34,11 +35,12 @@ struct AlertTexts
 {
     QString title;
     QString defaultButton;
-    QString alternateButton;
+    QString alternateButton; // none when empty
     QString message;
+    bool warning = false; // a warning rather than an informational alert
 };
-// An informational alert as a sheet on `window`; `didEnd` gets kAlertDefaultReturn or
-// kAlertAlternateReturn. The alert deletes itself when it ends.
+// An alert as a sheet on `window`; `didEnd` gets kAlertDefaultReturn or kAlertAlternateReturn. The
+// alert deletes itself when it ends.
 QMessageBox* beginAlertSheet(QWidget* window, QObject* context, const AlertTexts& texts,
                              std::function<void(int code)> didEnd);
 
@@ -56,4 +58,7 @@ void localizeTexts(QWidget* root);
 void setEnabledIfLoaded(QWidget* control, bool enabled);
 // Hides a progress indicator without letting the layout close the gap it leaves.
 void prepareIndicator(QProgressBar* indicator);
+// The choices of a sync interval ("syncInterval": 0 every 5 minutes, 1 every 15 minutes, 2 every hour,
+// 3 once a day); the background application reads the same numbers.
+void addSyncIntervalChoices(QComboBox* choice);
 } // namespace nimbrel

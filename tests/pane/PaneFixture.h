@@ -4,18 +4,21 @@
 // of done: the fake background application answers the link, the process table is a map the test
 // fills, and launches are written down.
 
-#include "link/FakeAppPeer.h"
+#include "support/FakeAppPeer.h"
 #include "pane/ComQuorviaNimbrelPref.h"
 #include "pane/Sheets.h"
 #include "platform/Strings.h"
 #include "platform/VirtualRunLoop.h"
 #include "support/TestEnvironment.h"
 
+#include <QAbstractButton>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QLineEdit>
+#include <QMessageBox>
 #include <QWidget>
 #include <gtest/gtest.h>
 
@@ -106,6 +109,57 @@ protected:
     {
         ASSERT_TRUE(peer.isStarted() || peer.start());
         running.insert(kBackgroundAppIdentifier, 4242);
+    }
+
+    // ---- The calendar tabs ----------------------------------------------------------------------
+    // The fake background application serves these lists (method → calendar dictionaries) and the
+    // pane connects to it, fetching them.
+    void connectWithLists(const QHash<QString, QVariantList>& lists)
+    {
+        for (auto it = lists.cbegin(); it != lists.cend(); ++it)
+            peer.setListAnswer(it.key(), it.value());
+        runBackgroundApp();
+        pane->com().activate();
+    }
+    // Returns once every one-way request sent so far has reached the peer (the bus keeps their order).
+    void flush() { pane->com().proxy()->version(); }
+    int sent(const char* method)
+    {
+        flush();
+        return peer.callCount(QLatin1String(method));
+    }
+    QVariantMap lastSent(const char* method)
+    {
+        flush();
+        return peer.calls(QLatin1String(method))
+            .value(peer.callCount(QLatin1String(method)) - 1)
+            .arguments.value(0)
+            .toMap();
+    }
+    // Types into a line edit as a user does, replacing what it holds.
+    void type(const char* field, const QString& text)
+    {
+        auto* edit = find<QLineEdit>(field);
+        edit->selectAll();
+        edit->del();
+        edit->insert(text);
+    }
+    void click(const char* button) { find<QAbstractButton>(button)->click(); }
+    QMessageBox* openAlert() const
+    {
+        QMessageBox* open = nullptr;
+        for (QMessageBox* box : window->findChildren<QMessageBox*>())
+            open = box->isVisible() ? box : open;
+        return open;
+    }
+    void answerAlert(int tag)
+    {
+        QMessageBox* alert = openAlert();
+        ASSERT_NE(alert, nullptr);
+        for (QAbstractButton* button : alert->buttons())
+            if (button->property("tag").toInt() == tag)
+                return button->click();
+        FAIL() << "no button with tag " << tag;
     }
 
     static QString dataFile(const QString& relative)

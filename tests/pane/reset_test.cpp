@@ -22,18 +22,7 @@ protected:
     void confirmReset(int tag)
     {
         resetButton()->click();
-        // The open one: an alert already answered may still wait for its deferred deletion.
-        QMessageBox* alert = nullptr;
-        for (QMessageBox* box : window->findChildren<QMessageBox*>())
-            alert = box->isVisible() ? box : alert;
-        ASSERT_NE(alert, nullptr);
-        for (QAbstractButton* button : alert->buttons()) {
-            if (button->property("tag").toInt() == tag) {
-                button->click();
-                return;
-            }
-        }
-        FAIL() << "no button with tag " << tag;
+        answerAlert(tag);
     }
 };
 
